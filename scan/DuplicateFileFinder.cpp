@@ -1,0 +1,472 @@
+#include "scan/DuplicateFileFinder.h"
+
+#include "app/TLogger.h"
+#include "result/GroupItemAutoSelector.h"
+#include "scan/FileCategory.h"
+#include "scan/TFileData.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonValue>
+#include <QReadWriteLock>
+#include <QSet>
+#include <QThreadPool>
+#include <QtConcurrent/QtConcurrentMap>
+
+#include <xxhash.h>
+
+#include <algorithm>
+#include <array>
+#include <exception>
+#include <memory>
+
+namespace {
+
+constexpr qint64 kBlockSize = 4096;
+constexpr qint64 kSampledWholeLimit = 3 * kBlockSize;
+constexpr qint64 kMapLimit = 4294967296LL;
+constexpr qint64 kStreamPiece = 65536;
+constexpr qint64 kProgressIntervalMs = 101;
+
+struct StateDeleter
+{
+    void operator()(XXH3_state_t *state) const { XXH3_freeState(state); }
+};
+using HashState = std::unique_ptr<XXH3_state_t, StateDeleter>;
+
+HashState newHashState()
+{
+    HashState state(XXH3_createState());
+    if (state && XXH3_64bits_reset(state.get()) == XXH_ERROR)
+        state.reset();
+    return state;
+}
+
+QByteArray hexKey(XXH64_hash_t digest)
+{
+    return QByteArray::number(quint64(digest), 16).rightJustified(16, '0');
+}
+
+void logMapFailed(const QString &path)
+{
+    logInfo(QStringLiteral("[TDuplicateFinleFinder]: file.map failed.: [%1].").arg(path));
+}
+
+QByteArray sampledKey(QFile &file, qint64 n, int driveType)
+{
+    if (n <= kSampledWholeLimit) {
+        const QByteArray data = file.read(n);
+        if (data.size() != n)
+            return {};
+        return hexKey(XXH3_64bits(data.constData(), size_t(data.size())));
+    }
+
+    HashState state = newHashState();
+    if (!state)
+        return {};
+    const std::array<qint64, 3> offsets = {0, std::clamp(n / 2 - kBlockSize / 2, qint64(0), n - kBlockSize),
+                                           n - kBlockSize};
+
+    if (driveType != OtherBus) {
+        if (uchar *mapped = file.map(0, n)) {
+            for (qint64 offset : offsets)
+                XXH3_64bits_update(state.get(), mapped + offset, size_t(kBlockSize));
+            file.unmap(mapped);
+            return hexKey(XXH3_64bits_digest(state.get()));
+        }
+        logMapFailed(file.fileName());
+    }
+
+    QByteArray buffer(kBlockSize, Qt::Uninitialized);
+    for (qint64 offset : offsets) {
+        if (!file.seek(offset))
+            continue;
+        const qint64 got = file.read(buffer.data(), kBlockSize);
+        if (got > 0)
+            XXH3_64bits_update(state.get(), buffer.constData(), size_t(got));
+    }
+    return hexKey(XXH3_64bits_digest(state.get()));
+}
+
+QByteArray wholeContentKey(QFile &file, qint64 size, int driveType)
+{
+    if (driveType != OtherBus && size <= kMapLimit) {
+        if (uchar *mapped = file.map(0, size)) {
+            const XXH64_hash_t digest = XXH3_64bits(mapped, size_t(size));
+            file.unmap(mapped);
+            return hexKey(digest);
+        }
+        logMapFailed(file.fileName());
+    }
+
+    if (!file.isOpen() || !file.isReadable() || !file.seek(0))
+        return {};
+    HashState state = newHashState();
+    if (!state)
+        return {};
+    QByteArray buffer(kStreamPiece, Qt::Uninitialized);
+    qint64 total = 0;
+    for (;;) {
+        const qint64 got = file.read(buffer.data(), kStreamPiece);
+        if (got < 0)
+            return {};
+        if (got == 0)
+            break;
+        XXH3_64bits_update(state.get(), buffer.constData(), size_t(got));
+        total += got;
+    }
+    // A file that changed length while we read it has no trustworthy key.
+    if (total != size)
+        return {};
+    return hexKey(XXH3_64bits_digest(state.get()));
+}
+
+QByteArray nameKey(const QFileInfo &info)
+{
+    return QCryptographicHash::hash(info.fileName().toUtf8(), QCryptographicHash::Md5).toHex().toUpper();
+}
+
+} // namespace
+
+DuplicateFileFinder::DuplicateFileFinder(QObject *parent) : QThread(parent) {}
+
+DuplicateFileFinder::~DuplicateFileFinder()
+{
+    stop();
+    wait();
+}
+
+void DuplicateFileFinder::setInput(const SizeGroups &groups, const QStringList &files)
+{
+    sizeGroups = groups;
+    allFiles = files;
+    // Cleared here rather than in run() so that a stop issued between start() and the
+    // thread actually running is not lost.
+    stopRequested = false;
+}
+
+void DuplicateFileFinder::setConfig(const QJsonObject &json)
+{
+    config = json;
+    const QJsonValue method = json.value(QLatin1String("scanMethod"));
+    if (method.isDouble())
+        scanMethod = method.toInt();
+    const QJsonValue dupDirectory = json.value(QLatin1String("scanDupDirectory"));
+    if (dupDirectory.isBool())
+        scanDupDirectory = dupDirectory.toBool();
+    const QJsonValue hint = json.value(QLatin1String("duplicateSelectHint"));
+    if (hint.isDouble())
+        duplicateSelectHint = hint.toInt();
+    const QJsonValue priority = json.value(QLatin1String("mapPriority"));
+    if (duplicateSelectHint == kPrioritySelection && priority.isObject()) {
+        mapPriority.clear();
+        const QJsonObject table = priority.toObject();
+        for (auto it = table.constBegin(); it != table.constEnd(); ++it)
+            mapPriority.insert(it.key(), it.value().toVariant().toInt());
+    }
+}
+
+void DuplicateFileFinder::stop()
+{
+    stopRequested = true;
+}
+
+QStringList DuplicateFileFinder::uniqueImages() const
+{
+    QMutexLocker locker(&mutex);
+    return m_uniqueImages;
+}
+
+QHash<QString, DirStat> DuplicateFileFinder::dirStats() const
+{
+    QMutexLocker locker(&mutex);
+    return m_dirStats;
+}
+
+void DuplicateFileFinder::run()
+{
+    {
+        QMutexLocker locker(&mutex);
+        m_dirStats.clear();
+        m_uniqueImages.clear();
+        signatureFolders.clear();
+    }
+    duplicateFileCount = 0;
+    duplicateTotalSize = 0;
+
+    processDuplicates();
+    if (!stopRequested && scanDupDirectory)
+        processDirectories();
+
+    sizeGroups = SizeGroups();
+    allFiles.clear();
+    {
+        QMutexLocker locker(&mutex);
+        m_dirStats.clear();
+        signatureFolders.clear();
+    }
+    emit scanFinished();
+}
+
+void DuplicateFileFinder::processDuplicates()
+{
+    QMutex writerMutex;
+    {
+        QMutexLocker locker(&progressMutex);
+        progressTimer.start();
+        finishedBuckets = 0;
+    }
+
+    QList<QList<FileMeta>> buckets = sizeGroups.values();
+    QList<QList<FileMeta>> candidates;
+    QtConcurrent::blockingMap(QThreadPool::globalInstance(), buckets, [&](const QList<FileMeta> &bucket) {
+        if (bucket.size() >= 2) {
+            QMutexLocker locker(&writerMutex);
+            candidates.append(bucket);
+        } else if (bucket.size() == 1 && isImageFile(bucket.constFirst().filePath)) {
+            QMutexLocker locker(&writerMutex);
+            m_uniqueImages.append(bucket.constFirst().filePath);
+        }
+    });
+
+    const qsizetype total = candidates.size();
+    {
+        QMutexLocker locker(&progressMutex);
+        totalBuckets = total;
+    }
+    const qsizetype chunk = std::max<qsizetype>(10, total / std::max(1, QThread::idealThreadCount()));
+    for (qsizetype start = 0; start < total && !stopRequested; start += chunk) {
+        QList<QList<FileMeta>> slice = candidates.mid(start, chunk);
+        QtConcurrent::blockingMap(QThreadPool::globalInstance(), slice,
+                                  [&](const QList<FileMeta> &bucket) { processBucket(bucket, writerMutex); });
+    }
+
+    emit progressUpdated(0, stopRequested ? 0.0 : 100.0);
+    emit onFindItem(int(duplicateFileCount), duplicateTotalSize);
+}
+
+void DuplicateFileFinder::processBucket(const QList<FileMeta> &bucket, QMutex &writerMutex)
+{
+    if (stopRequested || bucket.isEmpty())
+        return;
+
+    const qint64 size = bucket.constFirst().size;
+    // Zero-byte files are all alike and never worth a group. Otherwise drop vanished
+    // files and second listings of one file (the same path twice, or a link to it)
+    // before anything is opened: a file must never be grouped with itself.
+    QList<FileMeta> files;
+    if (size > 0) {
+        QSet<QString> seen;
+        for (const FileMeta &meta : bucket) {
+            const QString identity = QFileInfo(meta.filePath).canonicalFilePath();
+            if (identity.isEmpty() || seen.contains(identity))
+                continue;
+            seen.insert(identity);
+            files.append(meta);
+        }
+    }
+
+    QHash<QByteArray, QStringList> byKey;
+    if (files.size() >= 2) {
+        for (const FileMeta &meta : std::as_const(files)) {
+            if (stopRequested)
+                return;
+            const QByteArray key = calculateFileHash(scanMethod, meta.filePath, meta.size, meta.driveType);
+            if (!key.isEmpty())
+                byKey[key].append(meta.filePath);
+        }
+    } else if (files.size() == 1) {
+        byKey.insert(QByteArray(), {files.constFirst().filePath});
+    }
+
+    for (auto it = byKey.cbegin(); it != byKey.cend(); ++it) {
+        if (stopRequested)
+            return;
+        const QStringList &paths = it.value();
+        if (paths.size() >= 2) {
+            storeGroup(paths, it.key(), size, writerMutex);
+        } else if (paths.size() == 1 && isImageFile(paths.constFirst())) {
+            QMutexLocker locker(&writerMutex);
+            m_uniqueImages.append(paths.constFirst());
+        }
+    }
+    reportBucketDone();
+}
+
+void DuplicateFileFinder::storeGroup(const QStringList &paths, const QByteArray &contentKey, qint64 size,
+                                     QMutex &writerMutex)
+{
+    const QString key = groupKey(paths.constFirst());
+    if (scanDupDirectory) {
+        for (const QString &path : paths) {
+            const QFileInfo info(path);
+            const QString folder = info.absolutePath();
+            const qint64 fileSize = info.size();
+            QMutexLocker locker(&writerMutex);
+            DirStat &stat = m_dirStats[folder];
+            stat.groupKeys.append(key);
+            stat.contentKeys.append(contentKey);
+            stat.totalSize += fileSize;
+            ++stat.fileCount;
+        }
+    }
+    {
+        QMutexLocker locker(&writerMutex);
+        TFileData::instance().addDuplicateGroup(key, paths);
+    }
+    if (duplicateSelectHint != kNoSelection) {
+        QStringList selected = duplicateSelectHint == kPrioritySelection
+                                   ? GroupItemAutoSelector::selectByPriority(paths, mapPriority)
+                                   : GroupItemAutoSelector::selectGroup(paths, duplicateSelectHint);
+        // A rule may only ever mark members of the group it was given; an empty
+        // selection leaves no entry, as re-selecting on the result side does.
+        selected.removeIf([&paths](const QString &path) { return !paths.contains(path); });
+        if (!selected.isEmpty())
+            TFileData::instance().setSelected(key, selected);
+    }
+    duplicateFileCount += paths.size();
+    duplicateTotalSize += paths.size() * size;
+}
+
+void DuplicateFileFinder::reportBucketDone()
+{
+    // Counting and emitting under one lock keeps the reported percentages in order.
+    QMutexLocker locker(&progressMutex);
+    ++finishedBuckets;
+    if (finishedBuckets == totalBuckets || progressTimer.elapsed() >= kProgressIntervalMs) {
+        emit progressUpdated(0, double(finishedBuckets) * 100.0 / double(totalBuckets));
+        emit onFindItem(int(duplicateFileCount), duplicateTotalSize);
+        progressTimer.restart();
+    }
+}
+
+QByteArray DuplicateFileFinder::calculateFileHash(int method, const QString &path, qint64 knownSize,
+                                                  int driveType)
+{
+    try {
+        // Only regular files: opening a pipe or device could block or never end.
+        const QFileInfo info(path);
+        if (!info.isFile())
+            return {};
+        if (method == FileName) {
+            if (info.size() < 1 || (knownSize >= 0 && info.size() != knownSize))
+                return {};
+            return nameKey(info);
+        }
+
+        QFile file(path);
+        if (!file.open(QIODevice::ReadOnly))
+            return {};
+        const qint64 current = file.size();
+        if (current < 1)
+            return {};
+        if (method == WholeContent) {
+            if (knownSize >= 0 && current != knownSize)
+                return {};
+            return wholeContentKey(file, current, driveType);
+        }
+        // A file that shrank no longer holds what the walk saw; one that grew is sampled
+        // over the length the walk saw, so it still meets its former equals.
+        if (knownSize >= 0 && current < knownSize)
+            return {};
+        const qint64 n = knownSize >= 0 ? std::min(current, knownSize) : current;
+        if (n < 1)
+            return {};
+        return sampledKey(file, n, driveType);
+    } catch (const std::exception &e) {
+        logInfo(QStringLiteral("[TDuplicateFinleFinder]: Exception in calculateFileHash: [%1].")
+                    .arg(QString::fromLocal8Bit(e.what())));
+    } catch (...) {
+        logInfo(QStringLiteral("[TDuplicateFinleFinder]: Unknown exception in calculateFileHash."));
+    }
+    return {};
+}
+
+void DuplicateFileFinder::processDirectories()
+{
+    QStringList folders;
+    {
+        QMutexLocker locker(&mutex);
+        folders = m_dirStats.keys();
+        signatureFolders.clear();
+        totalFolders = folders.size();
+        lastFolderPercent = 0;
+    }
+    processedFolders = 0;
+    logInfo(
+        QStringLiteral(
+            "[TDuplicateFinleFinder]: Start matching duplicate directories. Number of groups to match [%1].")
+            .arg(folders.size()));
+
+    QtConcurrent::blockingMap(QThreadPool::globalInstance(), folders,
+                              [this](const QString &folder) { processFolder(folder); });
+    if (stopRequested) {
+        emit progressUpdated(1, 0);
+        return;
+    }
+
+    QHash<QByteArray, QStringList> signatures;
+    QHash<QString, DirStat> stats;
+    {
+        QMutexLocker locker(&mutex);
+        signatures = signatureFolders;
+        stats = m_dirStats;
+    }
+    TFileData &store = TFileData::instance();
+    for (auto it = signatures.cbegin(); it != signatures.cend(); ++it) {
+        if (it.value().size() < 2)
+            continue;
+        // Folders arrive in whatever order the pool finished them; sorting keeps the
+        // group key the same from one scan to the next.
+        QStringList paths = it.value();
+        paths.sort();
+        FolderRecords records;
+        for (const QString &path : std::as_const(paths)) {
+            const auto stat = stats.constFind(path);
+            if (stat != stats.cend())
+                records.append({path, stat->fileCount, stat->totalSize});
+        }
+        QWriteLocker locker(&store.lock);
+        store.addFolderGroup(groupKey(paths.constFirst()), records);
+        for (const QString &path : std::as_const(paths)) {
+            const QStringList groupKeys = stats.value(path).groupKeys;
+            for (const QString &key : groupKeys) {
+                store.duplicateGroups.remove(key);
+                store.selectedFiles.remove(key);
+            }
+        }
+    }
+    // Folders that do not qualify report nothing on their own, so close the phase here.
+    emit progressUpdated(1, 100);
+}
+
+void DuplicateFileFinder::processFolder(const QString &folder)
+{
+    if (stopRequested)
+        return;
+    const qint64 processed = ++processedFolders;
+    DirStat stat;
+    {
+        QMutexLocker locker(&mutex);
+        stat = m_dirStats.value(folder);
+    }
+    // Direct, visible files only: hidden files and subfolders play no part.
+    const qsizetype visibleFiles = QDir(folder).entryList(QDir::Files).size();
+    if (visibleFiles != stat.fileCount)
+        return;
+
+    QByteArrayList keys = stat.contentKeys;
+    std::sort(keys.begin(), keys.end());
+    QCryptographicHash md5(QCryptographicHash::Md5);
+    md5.addData(QByteArray::number(stat.fileCount));
+    for (const QByteArray &key : std::as_const(keys))
+        md5.addData(key);
+    const QByteArray signature = md5.result().toHex();
+
+    QMutexLocker locker(&mutex);
+    signatureFolders[signature].append(folder);
+    lastFolderPercent = std::max(lastFolderPercent, double(processed) * 100.0 / double(totalFolders));
+    emit progressUpdated(1, lastFolderPercent);
+}
