@@ -1,0 +1,205 @@
+#include "result/TPieChart.h"
+
+#include "scan/FileCategory.h"
+#include "scan/TFileData.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QtConcurrent>
+
+namespace {
+void registerTypes()
+{
+    // Queued statsReady connections need the alias as well as the hash type.
+    static const int id = qRegisterMetaType<FileCategoryStatsMap>("FileCategoryStatsMap");
+    Q_UNUSED(id);
+}
+
+void add(StatResult &result, int category, qint32 count, qint64 size)
+{
+    FileCategoryStat &stat = result.stats[category];
+    stat.count += count;
+    stat.totalSize += size;
+    result.count += count;
+    result.totalSize += size;
+}
+
+int categoryOfPath(const QFileInfo &info)
+{
+    return info.isDir() ? int(Folder) : int(categoryOf(fileSuffix(info.filePath())));
+}
+} // namespace
+
+TPieChart::TPieChart(QObject *parent) : QObject(parent)
+{
+    registerTypes();
+}
+
+TPieChart::~TPieChart()
+{
+    dropRunning();
+}
+
+void TPieChart::dropRunning()
+{
+    if (!m_watcher)
+        return;
+    m_watcher->disconnect(this);
+    m_watcher->cancel();
+    m_watcher->waitForFinished();
+    m_watcher->deleteLater();
+    m_watcher = nullptr;
+}
+
+void TPieChart::start(const QHash<QString, QStringList> &groups)
+{
+    dropRunning();
+    {
+        QMutexLocker locker(&m_mutex);
+        m_result = StatResult();
+    }
+    const QList<QStringList> lists = groups.values();
+    auto *watcher = new QFutureWatcher<StatResult>(this);
+    m_watcher = watcher;
+    connect(watcher, &QFutureWatcherBase::finished, this, [this, watcher] { finish(watcher); });
+    watcher->setFuture(QtConcurrent::mappedReduced<StatResult>(
+        lists, &TPieChart::groupStats, &TPieChart::addStats, QtConcurrent::UnorderedReduce));
+}
+
+void TPieChart::finish(QFutureWatcher<StatResult> *watcher)
+{
+    if (watcher != m_watcher)
+        return;
+    const QFuture<StatResult> future = watcher->future();
+    // A cancelled run never reaches here (its watcher is disconnected first), but a
+    // future without a result must not be read.
+    const StatResult result = future.resultCount() > 0 ? future.result() : StatResult();
+    {
+        QMutexLocker locker(&m_mutex);
+        m_result = result;
+    }
+    m_watcher = nullptr;
+    watcher->deleteLater();
+    emit statsReady(result.stats, result.count, result.totalSize);
+}
+
+FileCategoryStatsMap TPieChart::stats() const
+{
+    QMutexLocker locker(&m_mutex);
+    return m_result.stats;
+}
+
+qint32 TPieChart::count() const
+{
+    QMutexLocker locker(&m_mutex);
+    return m_result.count;
+}
+
+qint64 TPieChart::totalSize() const
+{
+    QMutexLocker locker(&m_mutex);
+    return m_result.totalSize;
+}
+
+QHash<QString, QStringList> TPieChart::storeGroups()
+{
+    const TFileData &store = TFileData::instance();
+    QReadLocker locker(&store.lock);
+    QHash<QString, QStringList> groups = store.duplicateGroups;
+    for (auto it = store.folderGroups.cbegin(); it != store.folderGroups.cend(); ++it) {
+        QStringList folders;
+        folders.reserve(it.value().size());
+        for (const FolderRecord &record : it.value())
+            folders.append(record.folderPath);
+        groups.insert(it.key(), folders);
+    }
+    return groups;
+}
+
+QString TPieChart::entryPath(const QString &entry)
+{
+    // Equivalent to matching "^(.*)_simlar_\d+$" and taking the first capture: the
+    // greedy capture always ends at the last marker. Written out because the map step
+    // runs on many threads and a shared regular expression object is only reentrant.
+    const QString marker = ScanConstants::similarSuffix() + QLatin1Char('_');
+    const qsizetype at = entry.lastIndexOf(marker);
+    if (at < 0)
+        return entry;
+    const qsizetype digitsFrom = at + marker.size();
+    if (digitsFrom >= entry.size())
+        return entry;
+    for (qsizetype i = digitsFrom; i < entry.size(); ++i) {
+        const QChar c = entry.at(i);
+        if (c < QLatin1Char('0') || c > QLatin1Char('9'))
+            return entry;
+    }
+    return entry.left(at);
+}
+
+void TPieChart::measureFolder(const QString &folderPath, qint32 &fileCount, qint64 &totalSize)
+{
+    fileCount = 0;
+    totalSize = 0;
+    const QFileInfoList files = QDir(folderPath).entryInfoList(QDir::Files);
+    for (const QFileInfo &file : files) {
+        ++fileCount;
+        totalSize += file.size();
+    }
+}
+
+StatResult TPieChart::groupStats(const QStringList &entries)
+{
+    StatResult result;
+    if (entries.isEmpty())
+        return result;
+
+    QStringList plain;
+    QStringList similar;
+    for (const QString &entry : entries) {
+        if (entry.contains(ScanConstants::similarSuffix()))
+            similar.append(entryPath(entry));
+        else
+            plain.append(entry);
+    }
+
+    // All plain members of a group are copies of one another: one file query stands
+    // for the whole group.
+    const QFileInfo representative(plain.isEmpty() ? similar.constFirst() : plain.constFirst());
+    const int category = categoryOfPath(representative);
+    const qint32 n = qint32(plain.size());
+    if (n == 0 || (!representative.isFile() && !representative.isDir())) {
+        add(result, category, 0, 0);
+    } else if (representative.isFile()) {
+        add(result, category, n, qint64(n) * representative.size());
+    } else {
+        qint32 files = 0;
+        qint64 size = 0;
+        measureFolder(representative.filePath(), files, size);
+        add(result, category, n * files, qint64(n) * size);
+    }
+
+    // Similar entries are distinct pictures: each is measured by itself.
+    for (const QString &path : std::as_const(similar)) {
+        const QFileInfo info(path);
+        if (info.isDir()) {
+            qint32 files = 0;
+            qint64 size = 0;
+            measureFolder(path, files, size);
+            add(result, Folder, files, size);
+        } else if (info.exists()) {
+            add(result, categoryOfPath(info), 1, info.size());
+        }
+    }
+    return result;
+}
+
+void TPieChart::addStats(StatResult &total, const StatResult &part)
+{
+    for (auto it = part.stats.cbegin(); it != part.stats.cend(); ++it) {
+        FileCategoryStat &stat = total.stats[it.key()];
+        stat.count += it.value().count;
+        stat.totalSize += it.value().totalSize;
+    }
+    total.count += part.count;
+    total.totalSize += part.totalSize;
+}
