@@ -1,19 +1,274 @@
 #include "result/GroupItemAutoSelector.h"
 
-// Placeholder until the rules land: selects nothing.
-QStringList GroupItemAutoSelector::selectGroup(const QStringList &, int)
+#include "app/TLogger.h"
+#include "result/GroupItem.h"
+#include "result/ImageItem.h"
+#include "scan/TFileData.h"
+#include "settings/TWPreferences.h"
+
+#include <QDateTime>
+#include <QFileInfo>
+#include <QRegularExpression>
+#include <QThreadPool>
+#include <QWriteLocker>
+#include <QtConcurrent/QtConcurrentMap>
+
+#include <algorithm>
+#include <atomic>
+
+namespace {
+struct Lexicon
 {
-    return {};
+    QStringList words;
+    QRegularExpression numbered;
+};
+
+// Shared read-only by every task; built once under the static's thread-safe initialisation.
+const Lexicon &lexicon()
+{
+    static const Lexicon lexicon = [] {
+        Lexicon lx;
+        lx.words = {
+            QStringLiteral("copy"),
+            QStringLiteral("copy of"),
+            QStringLiteral("kopie"),
+            QStringLiteral("copie"),
+            QStringLiteral("copia"),
+            QStringLiteral("cópia"),
+            QStringLiteral("duplicado"),
+            QStringLiteral("duplikat"),
+            QStringLiteral("копия"),
+            QStringLiteral("còpia"),
+            QStringLiteral("副本"),
+            QStringLiteral("コピー"),
+            QStringLiteral("new"),
+            QStringLiteral("新建文件夹"),
+            QStringLiteral("新しいフォルダー"),
+            QStringLiteral("neuer ordner"),
+            QStringLiteral("nouveau dossier"),
+            QStringLiteral("nova pasta"),
+            QStringLiteral("nueva carpeta"),
+            QStringLiteral("nuova cartella"),
+            QStringLiteral("tmp"),
+            QStringLiteral("temp"),
+            QStringLiteral("bak"),
+            QStringLiteral("backup"),
+            QStringLiteral("autosave"),
+            QStringLiteral("auto save"),
+            QStringLiteral("edited"),
+            QStringLiteral("export"),
+            QStringLiteral("downloads"),
+            QStringLiteral("desktop"),
+            QStringLiteral("trash"),
+            QStringLiteral("回收站"),
+            QStringLiteral("下载"),
+            QStringLiteral("桌面"),
+        };
+        lx.numbered = QRegularExpression(QStringLiteral("(\\(\\d{1,3}\\)|_\\d{1,3}|-\\d{1,3})"),
+                                         QRegularExpression::CaseInsensitiveOption);
+        // Compile now so that concurrent matching only reads the pattern.
+        lx.numbered.optimize();
+        return lx;
+    }();
+    return lexicon;
 }
 
-QStringList GroupItemAutoSelector::selectByPriority(const QStringList &, const QMap<QString, qint32> &)
+bool keepsLargest(int rule)
 {
-    return {};
+    return rule == SelectOldest || rule == SelectByFilename || rule == SelectLowResolution ||
+           rule == SelectLowQuality;
 }
 
-qint32 GroupItemAutoSelector::filenameScore(const QString &)
+// When every member has the same key, the rules that keep the smallest key keep the last
+// member and the others keep the first.
+bool keepsLastOnTie(int rule)
 {
-    return 0;
+    return rule == SelectNewest || rule == SelectHighResolution || rule == SelectHighQuality;
 }
 
-void GroupItemAutoSelector::autoSelectAllEx(const QList<Group> &, int) {}
+// Unreadable facts take fixed values: time 0, size 0, a header of -1 x -1 (product 1).
+qint64 rankKey(const QString &entry, int rule)
+{
+    const QString path = GroupItem::realPath(entry);
+    switch (rule) {
+    case SelectNewest:
+    case SelectOldest: {
+        const QFileInfo info(path);
+        if (path.isEmpty() || !info.exists())
+            return 0;
+        const QDateTime modified = info.lastModified();
+        return modified.isValid() ? modified.toMSecsSinceEpoch() : 0;
+    }
+    case SelectByFilename:
+        return GroupItemAutoSelector::filenameScore(path);
+    case SelectHighResolution:
+    case SelectLowResolution: {
+        const QSize size = ImageItem::headerSize(path);
+        return qint64(size.width()) * qint64(size.height());
+    }
+    case SelectHighQuality:
+    case SelectLowQuality: {
+        const QFileInfo info(path);
+        return path.isEmpty() || !info.exists() ? 0 : info.size();
+    }
+    default:
+        return 0;
+    }
+}
+
+QStringList allExcept(const QStringList &paths, const QString &kept)
+{
+    QStringList selected;
+    selected.reserve(paths.size());
+    bool skipped = false;
+    for (const QString &path : paths) {
+        // Only the first occurrence of the kept entry stays.
+        if (!skipped && path == kept) {
+            skipped = true;
+            continue;
+        }
+        selected.append(path);
+    }
+    return selected;
+}
+
+QStringList selectRanked(const QStringList &paths, int rule)
+{
+    QMap<qint64, QList<qsizetype>> byKey;
+    for (qsizetype i = 0; i < paths.size(); ++i)
+        byKey[rankKey(paths.at(i), rule)].append(i);
+
+    QString kept;
+    if (byKey.size() == 1)
+        kept = keepsLastOnTie(rule) ? paths.constLast() : paths.constFirst();
+    else
+        kept = paths.at((keepsLargest(rule) ? byKey.last() : byKey.first()).constFirst());
+    return allExcept(paths, kept);
+}
+} // namespace
+
+QStringList GroupItemAutoSelector::selectGroup(const QStringList &paths, int rule)
+{
+    if (paths.size() < 2)
+        return {};
+    switch (rule) {
+    case SelectNewest:
+    case SelectOldest:
+    case SelectByFilename:
+    case SelectHighResolution:
+    case SelectLowResolution:
+    case SelectHighQuality:
+    case SelectLowQuality:
+        return selectRanked(paths, rule);
+    case SelectAll:
+        return paths;
+    default:
+        return {};
+    }
+}
+
+QStringList GroupItemAutoSelector::selectByPriority(const QStringList &paths,
+                                                    const QMap<QString, qint32> &priority)
+{
+    if (paths.size() < 2)
+        return {};
+    if (priority.isEmpty())
+        return selectGroup(paths, SelectByFilename);
+
+    // Most specific folder first; equal lengths keep the table's ascending path order.
+    QStringList folders = priority.keys();
+    std::stable_sort(folders.begin(), folders.end(),
+                     [](const QString &a, const QString &b) { return a.size() > b.size(); });
+
+    QList<qint32> ranks;
+    ranks.reserve(paths.size());
+    bool anyProtected = false;
+    for (const QString &entry : paths) {
+        const QString path = GroupItem::realPath(entry);
+        qint32 rank = 0;
+        for (const QString &folder : folders) {
+            if (path.startsWith(folder, Qt::CaseSensitive)) {
+                rank = priority.value(folder);
+                break;
+            }
+        }
+        anyProtected = anyProtected || rank < 0;
+        ranks.append(rank);
+    }
+
+    QStringList eligible;
+    for (qsizetype i = 0; i < paths.size(); ++i) {
+        if (ranks.at(i) >= 0)
+            eligible.append(paths.at(i));
+    }
+    if (eligible.isEmpty())
+        return {};
+    // The protected members are the keepers.
+    if (anyProtected)
+        return eligible;
+
+    const qint32 lowest = *std::min_element(ranks.cbegin(), ranks.cend());
+    QStringList selected;
+    for (qsizetype i = 0; i < paths.size(); ++i) {
+        if (ranks.at(i) != lowest)
+            selected.append(paths.at(i));
+    }
+    if (selected.isEmpty())
+        return selectGroup(eligible, SelectByFilename);
+    return selected;
+}
+
+qint32 GroupItemAutoSelector::filenameScore(const QString &path)
+{
+    const Lexicon &lx = lexicon();
+    const QFileInfo info(path);
+    const QString name = info.fileName().toLower();
+    const QString dir = info.absolutePath().toLower();
+    const QString newWord = QStringLiteral("new");
+
+    qint32 score = 100;
+    for (const QString &word : lx.words) {
+        const bool isNew = word == newWord;
+        if (name.contains(word))
+            score -= isNew ? 20 : 50;
+        if (dir.contains(word))
+            score -= isNew ? 20 : 30;
+    }
+    QRegularExpressionMatchIterator it = lx.numbered.globalMatch(name);
+    while (it.hasNext()) {
+        it.next();
+        score -= 50;
+    }
+    return score;
+}
+
+void GroupItemAutoSelector::autoSelectAllEx(const QList<Group> &groups, int rule)
+{
+    // The priority table is read on the caller's thread, once, before any task starts.
+    QMap<QString, qint32> priority;
+    if (rule == SelectByPriority)
+        priority = TWPreferences::instance()->selection->mapPriority;
+    autoSelectAllEx(groups, rule, priority);
+}
+
+void GroupItemAutoSelector::autoSelectAllEx(const QList<Group> &groups, int rule,
+                                            const QMap<QString, qint32> &priority)
+{
+    std::atomic<qint32> selectedGroups{0};
+    TFileData &store = TFileData::instance();
+    QtConcurrent::blockingMap(QThreadPool::globalInstance(), groups, [&](const Group &group) {
+        const QStringList selected = rule == SelectByPriority ? selectByPriority(group.second, priority)
+                                                              : selectGroup(group.second, rule);
+        if (!selected.isEmpty()) {
+            store.setSelected(group.first, selected);
+            selectedGroups.fetch_add(1, std::memory_order_relaxed);
+        } else {
+            QWriteLocker locker(&store.lock);
+            store.selectedFiles.remove(group.first);
+        }
+    });
+    logInfo(QStringLiteral("[GroupItemAutoSelector]: Auto select %1 groups by rule %2, %3 groups selected.")
+                .arg(groups.size())
+                .arg(rule)
+                .arg(selectedGroups.load()));
+}

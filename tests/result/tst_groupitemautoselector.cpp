@@ -1,0 +1,408 @@
+#include "result/GroupItem.h"
+#include "result/GroupItemAutoSelector.h"
+#include "scan/TFileData.h"
+
+#include "TestMain.h"
+
+#include <QDateTime>
+#include <QFile>
+#include <QImage>
+#include <QReadLocker>
+#include <QTemporaryDir>
+#include <QThread>
+#include <QtConcurrent/QtConcurrentMap>
+#include <QtTest>
+
+#include <atomic>
+
+using namespace Qt::StringLiterals;
+using Priorities = QMap<QString, qint32>;
+
+class TestGroupItemAutoSelector : public QObject
+{
+    Q_OBJECT
+
+private:
+    QTemporaryDir m_dir;
+    const QDateTime m_base = QDateTime(QDate(2020, 1, 1), QTime(12, 0), Qt::UTC);
+
+    QString abs(const QString &name) const { return m_dir.path() + u'/' + name; }
+    QString rel(const QString &path) const { return path.mid(m_dir.path().size() + 1); }
+
+    // A member spec is "name|bytes|mtime|image": bytes "-" leaves the file absent (vanished),
+    // mtime is seconds after a fixed base, image is "WxH" for a real PNG or "junk" for a
+    // file with an image name and no image inside. Empty fields are left to defaults.
+    bool create(const QString &spec)
+    {
+        const QStringList f = spec.split(u'|');
+        const QString path = abs(f.value(0));
+        const QString bytes = f.value(1);
+        const QString mtime = f.value(2);
+        const QString image = f.value(3);
+        if (bytes == u"-") {
+            QFile::remove(path);
+            return true;
+        }
+        QDir().mkpath(QFileInfo(path).absolutePath());
+        if (!image.isEmpty() && image != u"junk") {
+            const QStringList wh = image.split(u'x');
+            QImage img(wh.value(0).toInt(), wh.value(1).toInt(), QImage::Format_RGB32);
+            img.fill(Qt::darkCyan);
+            if (!img.save(path, "PNG"))
+                return false;
+        } else {
+            QFile file(path);
+            if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+                return false;
+            file.write(QByteArray(bytes.isEmpty() ? 4 : bytes.toInt(), 'x'));
+        }
+        if (!mtime.isEmpty()) {
+            QFile file(path);
+            if (!file.open(QIODevice::ReadWrite) ||
+                !file.setFileTime(m_base.addSecs(mtime.toInt()), QFileDevice::FileModificationTime))
+                return false;
+        }
+        return true;
+    }
+
+    // Creates the files of a group in a fresh sub-folder; an optional ">suffix" after a spec
+    // is appended to the member entry (similar-image entries).
+    QStringList makeGroup(const QString &folder, const QStringList &specs)
+    {
+        QStringList entries;
+        for (const QString &spec : specs) {
+            const QString fileSpec = spec.section(u'>', 0, 0);
+            const QString suffix = spec.section(u'>', 1);
+            const QString name = folder + u'/' + fileSpec.section(u'|', 0, 0);
+            if (!create(name + u'|' + fileSpec.section(u'|', 1)))
+                return {};
+            entries.append(abs(name) + suffix);
+        }
+        return entries;
+    }
+
+    QStringList relative(const QStringList &paths, const QString &folder) const
+    {
+        QStringList out;
+        for (const QString &p : paths)
+            out.append(rel(p).mid(folder.size() + 1));
+        return out;
+    }
+
+    int m_case = 0;
+
+private slots:
+    void initTestCase() { QVERIFY(m_dir.isValid()); }
+
+    // Runs first so the word list and the pattern are built by racing threads.
+    void filenameScoreFromManyThreadsAgrees()
+    {
+        QStringList paths;
+        for (int i = 0; i < 2000; ++i)
+            paths.append(QStringLiteral("/data/set/photo copy (%1).jpg").arg(i % 7));
+        const QList<qint32> scores = QtConcurrent::blockingMapped(
+            paths, [](const QString &p) { return GroupItemAutoSelector::filenameScore(p); });
+        for (qint32 score : scores)
+            QCOMPARE(score, 100 - 50 - 50);
+    }
+
+    void filenameScore_data()
+    {
+        QTest::addColumn<QString>("path");
+        QTest::addColumn<qint32>("score");
+        QTest::newRow("plain") << u"/data/pics/photo.jpg"_s << 100;
+        QTest::newRow("numbered copy") << u"/data/pics/photo (1).jpg"_s << 50;
+        QTest::newRow("copy and copy of both count") << u"/data/docs/copy of report.doc"_s << 0;
+        QTest::newRow("new costs 20") << u"/data/docs/news.txt"_s << 80;
+        QTest::newRow("date-like name") << u"/data/pics/img_2023-05-01.jpg"_s << -50;
+        QTest::newRow("upper-case word") << u"/data/docs/Report KOPIE.TXT"_s << 50;
+        QTest::newRow("cyrillic word") << u"/data/docs/отчёт копия.doc"_s << 50;
+        QTest::newRow("cjk word") << u"/data/docs/报告 - 副本.doc"_s << 50;
+        QTest::newRow("folder word costs 30") << u"/data/backup/photo.jpg"_s << 70;
+        QTest::newRow("folder new costs 20") << u"/data/New Folder/photo.jpg"_s << 80;
+        QTest::newRow("folder desktop upper") << u"/home/u/Desktop/photo.jpg"_s << 70;
+        QTest::newRow("folder digits do not count") << u"/data/set_12/photo.jpg"_s << 100;
+        QTest::newRow("four digits in parentheses") << u"/data/pics/a(1234).jpg"_s << 100;
+        QTest::newRow("three digits in parentheses") << u"/data/pics/a(123).jpg"_s << 50;
+        QTest::newRow("dash with four digits") << u"/data/pics/IMG-1234.jpg"_s << 50;
+        QTest::newRow("dash without digits") << u"/data/pics/my-photo_x.jpg"_s << 100;
+        QTest::newRow("three underscores") << u"/data/pics/a_1_2_3.jpg"_s << -50;
+        QTest::newRow("unbounded below") << u"/tmp/backup/tmp_backup_new (2).txt"_s << -130;
+        QTest::newRow("empty path") << u""_s << 100;
+    }
+    void filenameScore()
+    {
+        QFETCH(QString, path);
+        QFETCH(qint32, score);
+        QCOMPARE(GroupItemAutoSelector::filenameScore(path), score);
+    }
+
+    void selectGroup_data()
+    {
+        QTest::addColumn<QStringList>("specs");
+        QTest::addColumn<int>("rule");
+        QTest::addColumn<QStringList>("selected");
+        const auto row = [](const char *name, const QStringList &specs, int rule,
+                            const QStringList &selected) {
+            QTest::newRow(name) << specs << rule << selected;
+        };
+        const QStringList ages = {u"a.txt|4|300"_s, u"b.txt|4|100"_s, u"c.txt|4|200"_s};
+        const QStringList sameAge = {u"a.txt|4|100"_s, u"b.txt|4|100"_s, u"c.txt|4|100"_s};
+        row("newest: oldest kept", ages, SelectNewest, {u"a.txt"_s, u"c.txt"_s});
+        row("newest: tie keeps last", sameAge, SelectNewest, {u"a.txt"_s, u"b.txt"_s});
+        row("newest: first of the oldest kept", {u"a.txt|4|300"_s, u"b.txt|4|100"_s, u"c.txt|4|100"_s},
+            SelectNewest, {u"a.txt"_s, u"c.txt"_s});
+        row("oldest: newest kept", ages, SelectOldest, {u"b.txt"_s, u"c.txt"_s});
+        row("oldest: tie keeps first", sameAge, SelectOldest, {u"b.txt"_s, u"c.txt"_s});
+        row("oldest: first of the newest kept", {u"a.txt|4|100"_s, u"b.txt|4|300"_s, u"c.txt|4|300"_s},
+            SelectOldest, {u"a.txt"_s, u"c.txt"_s});
+        row("oldest: one second apart", {u"a.txt|4|100"_s, u"b.txt|4|101"_s}, SelectOldest, {u"a.txt"_s});
+        row("newest: vanished file counts as oldest", {u"a.txt|4|100"_s, u"gone.txt|-"_s, u"c.txt|4|200"_s},
+            SelectNewest, {u"a.txt"_s, u"c.txt"_s});
+        row("oldest: vanished file is selected", {u"gone.txt|-"_s, u"a.txt|4|100"_s}, SelectOldest,
+            {u"gone.txt"_s});
+
+        row("filename: copy selected", {u"photo (1).jpg|4"_s, u"photo.jpg|4"_s}, SelectByFilename,
+            {u"photo (1).jpg"_s});
+        row("filename: original first", {u"photo.jpg|4"_s, u"photo (1).jpg|4"_s}, SelectByFilename,
+            {u"photo (1).jpg"_s});
+        row("filename: tie keeps first", {u"b.jpg|4"_s, u"a.jpg|4"_s, u"c.jpg|4"_s}, SelectByFilename,
+            {u"a.jpg"_s, u"c.jpg"_s});
+        row("filename: vanished still scored", {u"copy.txt|4"_s, u"gone.txt|-"_s}, SelectByFilename,
+            {u"copy.txt"_s});
+
+        const QStringList dims = {u"a.png|||40x30"_s, u"b.png|||20x10"_s, u"c.png|||30x30"_s};
+        const QStringList sameDims = {u"a.png|||8x8"_s, u"b.png|||16x4"_s, u"c.png|||4x16"_s};
+        row("high resolution: smallest kept", dims, SelectHighResolution, {u"a.png"_s, u"c.png"_s});
+        row("high resolution: equal pixel counts keep last", sameDims, SelectHighResolution,
+            {u"a.png"_s, u"b.png"_s});
+        row("low resolution: largest kept", dims, SelectLowResolution, {u"b.png"_s, u"c.png"_s});
+        row("low resolution: equal pixel counts keep first", sameDims, SelectLowResolution,
+            {u"b.png"_s, u"c.png"_s});
+        // An unreadable header counts -1 x -1, the same product as a 1x1 image.
+        row("low resolution: unreadable ties with one pixel", {u"bad.png|9||junk"_s, u"one.png|||1x1"_s},
+            SelectLowResolution, {u"one.png"_s});
+        row("low resolution: vanished ties with one pixel", {u"gone.png|-"_s, u"one.png|||1x1"_s},
+            SelectLowResolution, {u"one.png"_s});
+        row("low resolution: unreadable below two pixels", {u"bad.png|9||junk"_s, u"two.png|||2x1"_s},
+            SelectLowResolution, {u"bad.png"_s});
+        row("high resolution: not an image is smallest", {u"big.png|||50x50"_s, u"doc.txt|100"_s},
+            SelectHighResolution, {u"big.png"_s});
+        row("high resolution: similar entries read the real file",
+            {u"a.png|||40x30>_simlar_87"_s, u"b.png|||20x10>_simlar_99"_s}, SelectHighResolution,
+            {u"a.png_simlar_87"_s});
+
+        const QStringList sizes = {u"a.bin|10"_s, u"b.bin|5"_s, u"c.bin|20"_s};
+        const QStringList sameSize = {u"a.bin|7"_s, u"b.bin|7"_s, u"c.bin|7"_s};
+        row("high quality: smallest file kept", sizes, SelectHighQuality, {u"a.bin"_s, u"c.bin"_s});
+        row("high quality: tie keeps last", sameSize, SelectHighQuality, {u"a.bin"_s, u"b.bin"_s});
+        row("low quality: largest file kept", sizes, SelectLowQuality, {u"a.bin"_s, u"b.bin"_s});
+        row("low quality: tie keeps first", sameSize, SelectLowQuality, {u"b.bin"_s, u"c.bin"_s});
+        row("low quality: one byte apart", {u"a.bin|7"_s, u"b.bin|8"_s}, SelectLowQuality, {u"a.bin"_s});
+        row("high quality: vanished counts as empty", {u"a.bin|2"_s, u"gone.bin|-"_s, u"c.bin|3"_s},
+            SelectHighQuality, {u"a.bin"_s, u"c.bin"_s});
+        row("high quality: vanished ties with an empty file", {u"gone.bin|-"_s, u"e.bin|0"_s},
+            SelectHighQuality, {u"gone.bin"_s});
+        row("low quality: similar entries read the real file",
+            {u"a.bin|3>_simlar_60"_s, u"b.bin|9>_simlar_70"_s}, SelectLowQuality, {u"a.bin_simlar_60"_s});
+
+        row("duplicate path selected once", {u"a.txt|4|100"_s, u"a.txt|4|100"_s, u"b.txt|4|200"_s},
+            SelectNewest, {u"a.txt"_s, u"b.txt"_s});
+        row("duplicate path on a tie", {u"a.bin|7"_s, u"a.bin|7"_s}, SelectHighQuality, {u"a.bin"_s});
+
+        row("all", {u"a.txt|1"_s, u"b.txt|2"_s, u"gone.txt|-"_s}, SelectAll,
+            {u"a.txt"_s, u"b.txt"_s, u"gone.txt"_s});
+        row("deselect", {u"a.txt|1"_s, u"b.txt|2"_s}, Deselect, {});
+        row("priority needs its table", {u"a.txt|1"_s, u"copy.txt|2"_s}, SelectByPriority, {});
+        row("rule below range", {u"a.txt|1"_s, u"b.txt|2"_s}, -1, {});
+        row("rule above range", {u"a.txt|1"_s, u"b.txt|2"_s}, 10, {});
+    }
+    void selectGroup()
+    {
+        QFETCH(QStringList, specs);
+        QFETCH(int, rule);
+        QFETCH(QStringList, selected);
+        const QString folder = QStringLiteral("g%1").arg(++m_case);
+        const QStringList entries = makeGroup(folder, specs);
+        QCOMPARE(entries.size(), specs.size());
+        QCOMPARE(relative(GroupItemAutoSelector::selectGroup(entries, rule), folder), selected);
+    }
+
+    void belowTwoMembersSelectsNothing_data()
+    {
+        QTest::addColumn<int>("rule");
+        QTest::addColumn<int>("members");
+        for (int rule = SelectNewest; rule <= Deselect; ++rule) {
+            QTest::addRow("rule %d, one member", rule) << rule << 1;
+            QTest::addRow("rule %d, empty", rule) << rule << 0;
+        }
+    }
+    void belowTwoMembersSelectsNothing()
+    {
+        QFETCH(int, rule);
+        QFETCH(int, members);
+        const QString folder = QStringLiteral("g%1").arg(++m_case);
+        const QStringList entries = makeGroup(folder, QStringList(members, u"only.png|||3x3"_s));
+        QCOMPARE(entries.size(), members);
+        QVERIFY(GroupItemAutoSelector::selectGroup(entries, rule).isEmpty());
+        QVERIFY(GroupItemAutoSelector::selectByPriority(entries, {{m_dir.path(), 5}}).isEmpty());
+    }
+
+    void selectByPriority_data()
+    {
+        QTest::addColumn<QStringList>("paths");
+        QTest::addColumn<Priorities>("table");
+        QTest::addColumn<QStringList>("selected");
+        const QString ax = u"/d/a/x.txt"_s, abx = u"/d/a/b/x.txt"_s;
+        QTest::newRow("nested: deeper folder higher")
+            << QStringList{ax, abx} << Priorities{{u"/d/a"_s, 1}, {u"/d/a/b"_s, 5}} << QStringList{abx};
+        QTest::newRow("nested: deeper folder lower")
+            << QStringList{abx, ax} << Priorities{{u"/d/a"_s, 5}, {u"/d/a/b"_s, 1}} << QStringList{ax};
+        QTest::newRow("nested: protected inner folder")
+            << QStringList{ax, abx} << Priorities{{u"/d/a"_s, 1}, {u"/d/a/b"_s, -1}} << QStringList{ax};
+        QTest::newRow("three levels, most specific first")
+            << QStringList{u"/d/a/b/c/x"_s, abx, ax}
+            << Priorities{{u"/d/a/b/c"_s, 2}, {u"/d/a/b"_s, 5}, {u"/d/a"_s, 1}}
+            << QStringList{u"/d/a/b/c/x"_s, abx};
+        QTest::newRow("protected keeps several, selects the rest")
+            << QStringList{u"/p/1.jpg"_s, u"/e/2.jpg"_s, u"/p/3.jpg"_s, u"/f/4.jpg"_s}
+            << Priorities{{u"/p"_s, -3}, {u"/f"_s, 2}} << QStringList{u"/e/2.jpg"_s, u"/f/4.jpg"_s};
+        QTest::newRow("different negatives all protected")
+            << QStringList{u"/m/1"_s, u"/n/2"_s, u"/z/3"_s} << Priorities{{u"/m"_s, -2}, {u"/n"_s, -1}}
+            << QStringList{u"/z/3"_s};
+        QTest::newRow("all protected") << QStringList{ax, abx} << Priorities{{u"/d"_s, -1}} << QStringList{};
+        QTest::newRow("negative never selected even when highest")
+            << QStringList{u"/n/x"_s, u"/z/x"_s} << Priorities{{u"/n"_s, -1}, {u"/z"_s, 0}}
+            << QStringList{u"/z/x"_s};
+        QTest::newRow("unlisted counts zero") << QStringList{u"/e/x.txt"_s, u"/f/x.txt"_s}
+                                              << Priorities{{u"/f"_s, 1}} << QStringList{u"/f/x.txt"_s};
+        QTest::newRow("listed zero equals unlisted: by name")
+            << QStringList{u"/z/copy.txt"_s, u"/e/x.txt"_s} << Priorities{{u"/z"_s, 0}}
+            << QStringList{u"/z/copy.txt"_s};
+        QTest::newRow("none listed: by name") << QStringList{u"/e/x.txt"_s, u"/e/x (2).txt"_s}
+                                              << Priorities{{u"/q"_s, 4}} << QStringList{u"/e/x (2).txt"_s};
+        QTest::newRow("all equal: by name, first kept on tie")
+            << QStringList{u"/k/b.txt"_s, u"/k/a.txt"_s} << Priorities{{u"/k"_s, 2}}
+            << QStringList{u"/k/a.txt"_s};
+        QTest::newRow("lowest shared by two: both kept")
+            << QStringList{u"/k/1"_s, u"/m/2"_s, u"/k/3"_s} << Priorities{{u"/k"_s, 1}, {u"/m"_s, 2}}
+            << QStringList{u"/m/2"_s};
+        QTest::newRow("case-sensitive prefix") << QStringList{u"/d/a/y.txt"_s, u"/D/A/x.txt"_s}
+                                               << Priorities{{u"/d/a"_s, 3}} << QStringList{u"/d/a/y.txt"_s};
+        QTest::newRow("empty table: by name") << QStringList{u"/e/copy of x.txt"_s, u"/e/x.txt"_s}
+                                              << Priorities{} << QStringList{u"/e/copy of x.txt"_s};
+    }
+    void selectByPriority()
+    {
+        QFETCH(QStringList, paths);
+        QFETCH(Priorities, table);
+        QFETCH(QStringList, selected);
+        QCOMPARE(GroupItemAutoSelector::selectByPriority(paths, table), selected);
+    }
+
+    // Parallel application over many groups equals applying each group on its own, and a
+    // group whose selection comes out empty leaves the store.
+    void autoSelectAllExMatchesSerial_data()
+    {
+        QTest::addColumn<int>("rule");
+        for (int rule :
+             std::initializer_list<int>{SelectNewest, SelectOldest, SelectByFilename, SelectByPriority,
+                                        SelectHighQuality, SelectLowQuality, SelectAll, Deselect, 77})
+            QTest::addRow("rule %d", rule) << rule;
+    }
+    void autoSelectAllExMatchesSerial()
+    {
+        QFETCH(int, rule);
+        const QString folder = QStringLiteral("many%1").arg(++m_case);
+        QList<GroupItemAutoSelector::Group> groups;
+        for (int g = 0; g < 120; ++g) {
+            QStringList specs;
+            const int members = g % 5; // 0..4 members, so some groups are below two
+            for (int m = 0; m < members; ++m) {
+                const QString name =
+                    m == 1 ? QStringLiteral("f%1 (1).txt").arg(m) : QStringLiteral("f%1.txt").arg(m);
+                specs.append(QStringLiteral("%1/%2/%3|%4|%5")
+                                 .arg(g % 3)
+                                 .arg(g)
+                                 .arg(name)
+                                 .arg((g + m * 7) % 11)
+                                 .arg((g * m) % 13));
+            }
+            if (g % 17 == 0 && !specs.isEmpty())
+                specs.append(QStringLiteral("gone%1.txt|-").arg(g));
+            groups.append({QStringLiteral("K%1").arg(g), makeGroup(folder, specs)});
+        }
+        const Priorities table{
+            {abs(folder + u"/0"_s), 1}, {abs(folder + u"/1"_s), -1}, {abs(folder + u"/2"_s), 3}};
+
+        TFileData &store = TFileData::instance();
+        {
+            QWriteLocker locker(&store.lock);
+            store.clear();
+            for (const auto &group : groups)
+                store.selectedFiles.insert(group.first, {u"stale"_s});
+            store.selectedFiles.insert(u"untouched"_s, {u"kept"_s});
+        }
+
+        // A reader keeps taking the store's lock while the tasks write.
+        std::atomic_bool done{false};
+        std::atomic_bool sawEmpty{false};
+        QThread *reader = QThread::create([&] {
+            while (!done.load()) {
+                QReadLocker locker(&store.lock);
+                for (auto it = store.selectedFiles.cbegin(); it != store.selectedFiles.cend(); ++it) {
+                    if (it.value().isEmpty())
+                        sawEmpty = true;
+                }
+            }
+        });
+        reader->start();
+        GroupItemAutoSelector::autoSelectAllEx(groups, rule, table);
+        done = true;
+        reader->wait();
+        delete reader;
+        QVERIFY(!sawEmpty);
+
+        QHash<QString, QStringList> expected;
+        for (const auto &group : groups) {
+            const QStringList selected = rule == SelectByPriority
+                                             ? GroupItemAutoSelector::selectByPriority(group.second, table)
+                                             : GroupItemAutoSelector::selectGroup(group.second, rule);
+            if (!selected.isEmpty())
+                expected.insert(group.first, selected);
+        }
+        expected.insert(u"untouched"_s, {u"kept"_s});
+        QReadLocker locker(&store.lock);
+        QCOMPARE(store.selectedFiles, expected);
+        if (rule == Deselect || rule == 77)
+            QCOMPARE(store.selectedFiles.size(), 1);
+        else
+            QVERIFY(store.selectedFiles.size() > 1);
+        for (const auto &group : groups) {
+            if (group.second.size() < 2)
+                QVERIFY(!store.selectedFiles.contains(group.first));
+        }
+    }
+
+    void autoSelectAllExWithoutGroups()
+    {
+        TFileData &store = TFileData::instance();
+        {
+            QWriteLocker locker(&store.lock);
+            store.clear();
+            store.selectedFiles.insert(u"K"_s, {u"x"_s});
+        }
+        GroupItemAutoSelector::autoSelectAllEx({}, SelectAll);
+        QReadLocker locker(&store.lock);
+        QCOMPARE(store.selectedFiles.value(u"K"_s), QStringList{u"x"_s});
+    }
+
+    void cleanupTestCase()
+    {
+        QWriteLocker locker(&TFileData::instance().lock);
+        TFileData::instance().clear();
+    }
+};
+
+TWINFOLD_TEST_MAIN(TestGroupItemAutoSelector)
+#include "tst_groupitemautoselector.moc"
