@@ -1,0 +1,318 @@
+#include "app/TControlUI.h"
+
+#include "app/TLogger.h"
+#include "settings/TWGenernalPreferences.h"
+#include "settings/TWIgnoreListPreferences.h"
+#include "settings/TWPreferences.h"
+#include "settings/TWSelectionPreferences.h"
+
+#include <QJsonDocument>
+#include <QTime>
+
+#include <algorithm>
+
+namespace {
+enum ProgressType
+{
+    FileMatching = 0,
+    FolderMatching = 1,
+    SimilarLoad = 2,
+    SimilarCompare = 3,
+    SimilarFeatures = 4
+};
+
+QString compact(const QJsonObject &object)
+{
+    return QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact));
+}
+} // namespace
+
+TControlUI::TControlUI(QObject *parent) : QObject(parent)
+{
+    secondTimer.setInterval(1000);
+    connect(&secondTimer, &QTimer::timeout, this, &TControlUI::updateTimer);
+
+    connect(&scanner, &TFileScanner::fileFound, this, &TControlUI::processFile, Qt::QueuedConnection);
+    connect(&scanner, &TFileScanner::progressUpdated, this, &TControlUI::updateScanning,
+            Qt::QueuedConnection);
+    connect(&scanner, &TFileScanner::scanFinished, this, &TControlUI::scanComplated, Qt::QueuedConnection);
+
+    connect(&finder, &DuplicateFileFinder::progressUpdated, this, &TControlUI::duplicateProcess);
+    connect(&finder, &DuplicateFileFinder::scanFinished, this, &TControlUI::duplicateComplated);
+    connect(&finder, &DuplicateFileFinder::onFindItem, this, &TControlUI::duplicateFindItem);
+
+    connect(&projectThread, &TOpenSaveThread::openProjectComplated, this, &TControlUI::openProjectComplated);
+    connect(&projectThread, &TOpenSaveThread::saveComplated, this, &TControlUI::saveComplated);
+    connect(&projectThread, &TOpenSaveThread::openProjectProcess, this, &TControlUI::openProjectProcess);
+}
+
+TControlUI::~TControlUI()
+{
+    // Workers still running must not outlive the members they report to.
+    scanner.stop();
+    finder.stop();
+    scanner.wait();
+    finder.wait();
+    projectThread.wait();
+}
+
+void TControlUI::setPreferences(const TWIgnoreListPreferences *ignoreList,
+                                const TWSelectionPreferences *selection, const TWGenernalPreferences *general)
+{
+    ignorePrefs = ignoreList;
+    selectionPrefs = selection;
+    generalPrefs = general;
+}
+
+void TControlUI::startScan(const QStringList &scanRoots)
+{
+    scanClock.start();
+    roots = scanRoots;
+    sizeGroups = SizeGroups();
+    allFiles.clear();
+    secondTimer.start();
+    elapsedSeconds = 0;
+    itemCount = 0;
+    itemSize = 0;
+    phaseProgress.clear();
+    currentStatus = ScaningFile;
+    threadStatus = Starting;
+
+    TWPreferences *store =
+        (ignorePrefs && selectionPrefs && generalPrefs) ? nullptr : TWPreferences::instance();
+    const TWIgnoreListPreferences *ignoreList = ignorePrefs ? ignorePrefs : store->ignoreList;
+    const TWSelectionPreferences *selection = selectionPrefs ? selectionPrefs : store->selection;
+    const TWGenernalPreferences *general = generalPrefs ? generalPrefs : store->general;
+
+    const QJsonObject common = ignoreList->toJson();
+    duplicateConfig = selection->toJson();
+    const QJsonObject &duplicate = duplicateConfig;
+    similarConfig = general->toJson();
+    logInfo(QStringLiteral("[TControlUI]: Common configuration information: [%1].").arg(compact(common)));
+    logInfo(
+        QStringLiteral("[TControlUI]: Duplication configuration information: [%1].").arg(compact(duplicate)));
+    logInfo(
+        QStringLiteral("[TControlUI]: Similar configuration information: [%1].").arg(compact(similarConfig)));
+
+    scanner.setConfig(common);
+    finder.setConfig(duplicate);
+
+    logInfo(QStringLiteral("[TControlUI]: Start Scan: [%1]...").arg(roots.join(QLatin1Char(';'))));
+    scanner.setRoots(roots);
+    scanner.start(QThread::InheritPriority);
+}
+
+void TControlUI::stopScan()
+{
+    threadStatus = Stoped;
+    secondTimer.stop();
+    switch (currentStatus) {
+    case ScaningFile:
+        scanner.stop();
+        scanner.wait();
+        break;
+    case DuplicateFile:
+        // The finder winds down by itself; waiting on the scanner, which has already
+        // ended, returns at once and keeps the window responsive.
+        finder.stop();
+        scanner.wait();
+        break;
+    case SimilarFile:
+    case DuplicateFolder:
+        break;
+    }
+}
+
+void TControlUI::saveProject(const QString &path)
+{
+    projectThread.saveProject(path, int(allFiles.size()), elapsedText());
+}
+
+void TControlUI::openProject(const QString &path)
+{
+    threadStatus = Starting;
+    if (!projectThread.openProject(path)) {
+        threadStatus = Stoped;
+        emit onOpenProjectComplated(0, 0, 0, 0, QStringLiteral("00:00:00"));
+    }
+}
+
+void TControlUI::processFile(qint64 size, const QString &path, int driveType)
+{
+    sizeGroups[size].append(FileMeta{size, path, driveType});
+    allFiles.append(path);
+}
+
+void TControlUI::updateScanning(int scannedCount)
+{
+    emit filesScaningChange(scannedCount);
+}
+
+void TControlUI::updateTimer()
+{
+    if (threadStatus != Starting)
+        return;
+    ++elapsedSeconds;
+    emit onUpdateTimer(elapsedText());
+}
+
+QString TControlUI::elapsedText() const
+{
+    return QTime(0, 0).addSecs(elapsedSeconds).toString(QStringLiteral("hh:mm:ss"));
+}
+
+void TControlUI::duplicateProcess(int type, double percent)
+{
+    recordProgress(type, percent);
+}
+
+void TControlUI::similarProcess(int type, double percent)
+{
+    recordProgress(type, percent);
+}
+
+void TControlUI::recordProgress(int type, double percent)
+{
+    auto it = phaseProgress.find(type);
+    if (it == phaseProgress.end())
+        it = phaseProgress.insert(type, PhaseWeight{});
+    it->percent = percent;
+    emit processChange(overallProgress());
+}
+
+double TControlUI::overallProgress() const
+{
+    double weighted = 0;
+    double weights = 0;
+    for (const PhaseWeight &phase : phaseProgress) {
+        if (!phase.enabled)
+            continue;
+        weighted += phase.weight * phase.percent;
+        weights += phase.weight;
+    }
+    return weights == 0 ? 0 : weighted / weights;
+}
+
+QMap<int, TControlUI::PhaseWeight> TControlUI::progressWeights(qsizetype fileCount, bool folders,
+                                                               bool similar, bool features)
+{
+    QMap<int, PhaseWeight> phases;
+    const double fileWeight = std::min(double(fileCount) / 1000.0 * 0.01, 0.15);
+    phases.insert(FileMatching, PhaseWeight{fileWeight, 0, true});
+    const QList<QPair<int, double>> shares = {
+        {FolderMatching, 0.05}, {SimilarLoad, 0.6}, {SimilarCompare, 0.15}, {SimilarFeatures, 0.15}};
+    const auto enabled = [&](int type) {
+        switch (type) {
+        case FolderMatching:
+            return folders;
+        case SimilarLoad:
+        case SimilarCompare:
+            return similar;
+        default:
+            return similar && features;
+        }
+    };
+    double enabledShares = 0;
+    for (const auto &share : shares) {
+        if (enabled(share.first))
+            enabledShares += share.second;
+    }
+    for (const auto &share : shares) {
+        const bool on = enabled(share.first);
+        const double weight = on ? share.second * (1.0 - fileWeight) / enabledShares : 0.0;
+        phases.insert(share.first, PhaseWeight{weight, 0, on});
+    }
+    return phases;
+}
+
+bool TControlUI::similarEnabled() const
+{
+    // The similar-image phase is not wired into the scan yet: a scan ends after the
+    // duplicate matcher.
+    return false;
+}
+
+void TControlUI::duplicateFindItem(int number, qint64 totalSize)
+{
+    itemCount = number;
+    itemSize = totalSize;
+    emit onDuplicateItemFound(number, totalSize);
+}
+
+void TControlUI::scanComplated()
+{
+    phaseProgress = progressWeights(allFiles.size(), duplicateConfig.value(u"scanDupDirectory").toBool(false),
+                                    similarEnabled(), similarConfig.value(u"isAddFeatures").toBool(false));
+    const QString seconds = QString::number(double(scanClock.elapsed()) / 1000.0, 'f', 3);
+    if (threadStatus == Stoped) {
+        logInfo(QStringLiteral("[TControlUI]: The user clicks Stop during the scanning process. This task "
+                               "takes:[%1] seconds.")
+                    .arg(seconds));
+        allComplete();
+        return;
+    }
+    logInfo(QStringLiteral("[TControlUI]: Scan is complete, start matching duplicate files. Total number of "
+                           "files: [%1]. This task takes:[%2] seconds.")
+                .arg(allFiles.size())
+                .arg(seconds));
+    finder.setInput(sizeGroups, allFiles);
+    // The finder holds its own shared copy; the controller's is not needed any more.
+    sizeGroups = SizeGroups();
+    finder.start(QThread::InheritPriority);
+    currentStatus = DuplicateFile;
+}
+
+void TControlUI::duplicateComplated()
+{
+    const QString seconds = QString::number(double(scanClock.elapsed()) / 1000.0, 'f', 3);
+    if (threadStatus == Stoped) {
+        logInfo(QStringLiteral("[TControlUI]: The user clicks Stop during the matching process. This task "
+                               "takes: [%1] seconds.")
+                    .arg(seconds));
+        allComplete();
+        return;
+    }
+    // Without the similar-image phase the scan ends with the duplicate matcher.
+    allComplete();
+}
+
+void TControlUI::similarComplaged(int count, qint64 size)
+{
+    if (threadStatus != Stoped) {
+        threadStatus = Stoped;
+        logInfo(QStringLiteral("[TControlUI]: The process of matching similar images ends normally."));
+    } else {
+        logInfo(QStringLiteral("[TControlUI]: User clicks to stop the matching similar images process."));
+    }
+    itemCount += count;
+    itemSize += size;
+    emit onDuplicateItemFound(itemCount, itemSize);
+    allComplete();
+}
+
+void TControlUI::allComplete()
+{
+    logInfo(QStringLiteral("[TControlUI]: All tasks are completed. This task takes:[%1] seconds.")
+                .arg(QString::number(double(scanClock.elapsed()) / 1000.0, 'f', 3)));
+    secondTimer.stop();
+    threadStatus = Stoped;
+    emit onAllComplate();
+}
+
+void TControlUI::openProjectComplated(int flag, int files, qint64 size)
+{
+    threadStatus = Stoped;
+    const QString time = flag == 1 ? projectThread.scanTime() : QStringLiteral("00:00:00");
+    const int scanFiles = flag == 1 ? projectThread.fileCount() : 0;
+    emit onOpenProjectComplated(flag, files, size, scanFiles, time);
+}
+
+void TControlUI::saveComplated(int flag)
+{
+    emit onSaveProjectComplated(flag);
+}
+
+void TControlUI::openProjectProcess(double index, double total)
+{
+    emit onOpenProjectProcess(index, total);
+}
