@@ -1,7 +1,9 @@
 #include "app/AppInfo.h"
 #include "app/TStartup.h"
 #include "cli/CliText.h"
+#include "cli/DeleteCommand.h"
 #include "cli/ScanCommand.h"
+#include "cli/ShowCommand.h"
 
 #include <QCoreApplication>
 #include <QTextStream>
@@ -66,6 +68,10 @@ int main(int argc, char *argv[])
             QTimer::singleShot(0, &scan, &ScanCommand::start);
             status = app.exec();
         }
+    } else if (command == u"show") {
+        status = ShowCommand::run(args);
+    } else if (command == u"delete") {
+        status = DeleteCommand::run(args);
     } else {
         status = CliText::usageError(
             QStringLiteral("unknown command '%1'; try 'twinfold-cli --help'").arg(command));

@@ -9,6 +9,7 @@
 #include <QCoreApplication>
 #include <QFileInfo>
 #include <QReadLocker>
+#include <QSet>
 #include <QThread>
 #include <QWriteLocker>
 
@@ -68,7 +69,13 @@ void TImageDeleteWorker::doDelete()
         ShellRemoval::releaseThread();
 
     m_removed.removeDuplicates();
-    m_failed.removeDuplicates();
+    // A path listed in two groups fails twice; report it once.
+    QSet<QString> reported;
+    m_failed.removeIf([&reported](const DeleteResult &r) {
+        const bool again = reported.contains(r.path);
+        reported.insert(r.path);
+        return again;
+    });
     logInfo(u"[TImageDeleteWorker]: Batch done. processed: %1, removed: %2, failed: %3, cancelled: %4"_s
                 .arg(counter)
                 .arg(m_removed.size())
@@ -164,7 +171,7 @@ bool TImageDeleteWorker::removeReal(const QString &path, bool folder)
     if (result.success)
         m_removed.append(path);
     else
-        m_failed.append(path);
+        m_failed.append(result);
     return result.success;
 }
 

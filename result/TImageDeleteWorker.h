@@ -1,8 +1,10 @@
 #pragma once
 
+#include "result/DeleteResult.h"
 #include "settings/TWIgnoreListPreferences.h"
 
 #include <QHash>
+#include <QList>
 #include <QObject>
 #include <QString>
 #include <QStringList>
@@ -66,8 +68,9 @@ Q_SIGNALS:
     // The three tables after removal (as far as the batch got when cancelled).
     void finished(QHash<QString, QStringList> files, QHash<QString, QStringList> dirs,
                   QHash<QString, QStringList> selected);
-    // The real paths removed and those that failed, emitted just before finished.
-    void removalReport(QStringList removed, QStringList failed);
+    // The real paths removed and the failures with their reasons, emitted just before
+    // finished.
+    void removalReport(QStringList removed, QList<DeleteResult> failed);
 
 private:
     // Returns false when the batch was cancelled.
@@ -82,5 +85,5 @@ private:
     QString m_targetFolder;
     std::atomic<bool> m_cancelled{false};
     QStringList m_removed;
-    QStringList m_failed;
+    QList<DeleteResult> m_failed;
 };

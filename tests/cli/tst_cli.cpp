@@ -6,6 +6,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QStandardPaths>
 #include <QTemporaryDir>
 
 #include <csignal>
@@ -29,6 +30,13 @@ private slots:
     void duplicateFolders();
     void preferencesFileSuppliesDefaults();
     void interruptPrintsPartialResult();
+    void showPrintsTheSavedProject();
+    void showRefusesBadProjects_data();
+    void showRefusesBadProjects();
+    void deleteRemovesOnlySelected_data();
+    void deleteRemovesOnlySelected();
+    void deleteReportsFailures();
+    void deleteToTrashCanBeRestored();
 
 private:
     struct Run
@@ -297,6 +305,159 @@ void TestCli::interruptPrintsPartialResult()
         QSKIP("the scan finished before the interrupt arrived");
     QCOMPARE(p.exitCode(), 1);
     QVERIFY2(err.contains(u"interrupted"_s), qPrintable(err));
+}
+
+void TestCli::showPrintsTheSavedProject()
+{
+    CliTree tree(data->path());
+    tree.write(u"a/1.txt"_s, "one");
+    tree.write(u"b/1.txt"_s, "one");
+    tree.write(u"c/2 & <x>.txt"_s, "two two");
+    tree.write(u"d/2.txt"_s, "two two");
+    const QString project = home->filePath(u"p.dupproj"_s);
+    const Run scan = run({u"scan"_s, u"--format"_s, u"json"_s, u"--select"_s, u"newest"_s, u"--save"_s,
+                          project, data->path()});
+    QCOMPARE(scan.status, 0);
+    const Run show = run({u"show"_s, u"--format"_s, u"json"_s, project});
+    QCOMPARE(show.status, 0);
+    QCOMPARE(show.out, scan.out);
+}
+
+void TestCli::showRefusesBadProjects_data()
+{
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<int>("status");
+    QTest::newRow("garbage") << QByteArray("\x00\x01not xml") << 1;
+    QTest::newRow("wrong root") << QByteArray("<Other><groups/></Other>") << 1;
+    QTest::newRow("truncated") << QByteArray("<Twinfold fileCount=\"1\"><groups><GroupItem key=\"K\"><Item")
+                               << 1;
+    QTest::newRow("entity bomb") << QByteArray(
+                                        "<!DOCTYPE t [<!ENTITY a \"aaaaaaaaaa\"><!ENTITY b "
+                                        "\"&a;&a;&a;&a;&a;&a;&a;&a;&a;&a;\">]><Twinfold>&b;</Twinfold>")
+                                 << 1;
+}
+
+void TestCli::showRefusesBadProjects()
+{
+    QFETCH(QByteArray, content);
+    QFETCH(int, status);
+    const QString project = home->filePath(u"bad.dupproj"_s);
+    QFile f(project);
+    QVERIFY(f.open(QIODevice::WriteOnly));
+    f.write(content);
+    f.close();
+    const Run r = run({u"show"_s, project});
+    QCOMPARE(r.status, status);
+    QVERIFY(r.err.contains(project));
+    QCOMPARE(run({u"show"_s, home->filePath(u"missing.dupproj"_s)}).status, 2);
+}
+
+void TestCli::deleteRemovesOnlySelected_data()
+{
+    QTest::addColumn<QString>("target");
+    QTest::newRow("permanent") << u"permanent"_s;
+    QTest::newRow("folder") << u"folder"_s;
+    QTest::newRow("dry run") << u"dry-run"_s;
+}
+
+void TestCli::deleteRemovesOnlySelected()
+{
+    QFETCH(QString, target);
+    CliTree tree(data->path());
+    const QString keep1 = tree.write(u"a/x.txt"_s, "same");
+    const QString copy1 = tree.write(u"b/x copy.txt"_s, "same");
+    const QString keep2 = tree.write(u"a/y.txt"_s, "other same");
+    const QString copy2 = tree.write(u"b/y (1).txt"_s, "other same");
+    const QString lonely = tree.write(u"c/z.txt"_s, "alone");
+    const QString project = home->filePath(u"p.dupproj"_s);
+    QCOMPARE(run({u"scan"_s, u"--select"_s, u"filename"_s, u"--save"_s, project, data->path()}).status, 0);
+
+    QStringList args{u"delete"_s, project};
+    const QString moved = home->filePath(u"moved"_s);
+    if (target == u"dry-run")
+        args << u"--dry-run"_s;
+    else if (target == u"folder")
+        args << u"--to"_s << u"folder:"_s + moved, QDir().mkpath(moved);
+    else
+        args << u"--to"_s << target;
+    const Run r = run(args);
+    QCOMPARE(r.status, 0);
+    QStringList listed = r.out.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    listed.sort();
+    QCOMPARE(listed, (QStringList{copy1, copy2}));
+    const bool removes = target != u"dry-run";
+    for (const QString &path : {keep1, keep2, lonely})
+        QVERIFY2(QFileInfo::exists(path), qPrintable(path));
+    for (const QString &path : {copy1, copy2})
+        QCOMPARE(QFileInfo::exists(path), !removes);
+    if (target == u"folder")
+        QCOMPARE(QDir(moved).entryList(QDir::Files).size(), 2);
+    // The rewritten project holds only groups that still have two members.
+    const Run show = run({u"show"_s, project});
+    QCOMPARE(show.status, 0);
+    QCOMPARE(textGroups(show.out).size(), removes ? 0 : 2);
+}
+
+void TestCli::deleteReportsFailures()
+{
+    CliTree tree(data->path());
+    tree.write(u"a/x.txt"_s, "same");
+    const QString copy = tree.write(u"b/x copy.txt"_s, "same");
+    const QString project = home->filePath(u"p.dupproj"_s);
+    QCOMPARE(run({u"scan"_s, u"--select"_s, u"filename"_s, u"--save"_s, project, data->path()}).status, 0);
+    // The selected file became a folder in the meantime: it must not be removed.
+    QVERIFY(QFile::remove(copy));
+    QVERIFY(QDir().mkpath(copy));
+    tree.write(u"b/x copy.txt/inside.txt"_s, "keep me");
+    const Run r = run({u"delete"_s, u"--to"_s, u"permanent"_s, project});
+    QCOMPARE(r.status, 1);
+    QCOMPARE(r.err.trimmed().count(QLatin1Char('\n')), 0);
+    QVERIFY2(r.err.contains(copy), qPrintable(r.err));
+    QVERIFY(QFileInfo::exists(copy + u"/inside.txt"_s));
+}
+
+void TestCli::deleteToTrashCanBeRestored()
+{
+    const QString trashList = QStandardPaths::findExecutable(u"trash-list"_s);
+    const QString trashRestore = QStandardPaths::findExecutable(u"trash-restore"_s);
+    if (trashList.isEmpty() || trashRestore.isEmpty())
+        QSKIP("trash-cli is not installed");
+    CliTree tree(data->path());
+    const QString keep = tree.write(u"a/photo.jpg"_s, "picture bytes");
+    const QString copy = tree.write(u"b/photo copy.jpg"_s, "picture bytes");
+    const QString project = home->filePath(u"p.dupproj"_s);
+    QCOMPARE(run({u"scan"_s, u"--select"_s, u"filename"_s, u"--save"_s, project, data->path()}).status, 0);
+    const QString dataHome = home->filePath(u"share"_s);
+    qputenv("XDG_DATA_HOME", dataHome.toLocal8Bit());
+    const Run r = run({u"delete"_s, u"--to"_s, u"trash"_s, project});
+    QCOMPARE(r.status, 0);
+    QVERIFY(!QFileInfo::exists(copy));
+    QVERIFY(QFileInfo::exists(keep));
+
+    QProcess list;
+    list.setProcessEnvironment(QProcessEnvironment::systemEnvironment());
+    list.start(trashList, QStringList{});
+    QVERIFY(list.waitForFinished(30000));
+    // The tool lists every trash it knows; only entries from this test's tree count.
+    QStringList lines;
+    for (const QString &line : QString::fromUtf8(list.readAllStandardOutput()).split(QLatin1Char('\n')))
+        if (line.contains(data->path()))
+            lines.append(line);
+    QCOMPARE(lines.size(), 1);
+    QVERIFY2(lines.constFirst().endsWith(copy), qPrintable(lines.constFirst()));
+
+    QProcess restore;
+    restore.setWorkingDirectory(QFileInfo(copy).absolutePath());
+    restore.start(trashRestore, {QFileInfo(copy).absolutePath()});
+    QVERIFY(restore.waitForStarted());
+    restore.write("0\n");
+    restore.closeWriteChannel();
+    QVERIFY(restore.waitForFinished(30000));
+    qunsetenv("XDG_DATA_HOME");
+    QVERIFY2(QFileInfo::exists(copy), qPrintable(QString::fromUtf8(restore.readAllStandardError())));
+    QFile restored(copy);
+    QVERIFY(restored.open(QIODevice::ReadOnly));
+    QCOMPARE(restored.readAll(), QByteArray("picture bytes"));
 }
 
 TWINFOLD_TEST_MAIN(TestCli)

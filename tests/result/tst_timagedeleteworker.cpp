@@ -74,8 +74,9 @@ class tst_TImageDeleteWorker : public QObject
             if (value == cancelAt)
                 worker.setCancelled();
         });
-        QObject::connect(&worker, &TImageDeleteWorker::removalReport, &worker,
-                         [&](const QStringList &removed, const QStringList &) { r.removed = removed; });
+        QObject::connect(
+            &worker, &TImageDeleteWorker::removalReport, &worker,
+            [&](const QStringList &removed, const QList<DeleteResult> &) { r.removed = removed; });
         QObject::connect(&worker, &TImageDeleteWorker::finished, &worker,
                          [&](const Table &f, const Table &d, const Table &s) {
                              ++r.finished;
