@@ -600,7 +600,8 @@ void TestTOpenSaveThread::unopenablePathNotStarted()
     QVERIFY(!run.started);
     QCOMPARE(run.completions, 0);
     QVERIFY(!thread.isRunning());
-    QVERIFY(logText().contains(u"Failed to openProject! file=%1"_s.arg(path)));
+    // Whole line, so the empty path is not matched by an earlier row's line.
+    QVERIFY(logText().contains(u"Failed to openProject! file=%1\n"_s.arg(path)));
 }
 
 void TestTOpenSaveThread::saveFailureReported()
