@@ -6,7 +6,6 @@
 #include "settings/TWPreferences.h"
 #include "settings/TWSelectionPreferences.h"
 
-#include <QJsonDocument>
 #include <QTime>
 
 #include <algorithm>
@@ -20,11 +19,6 @@ enum ProgressType
     SimilarCompare = 3,
     SimilarFeatures = 4
 };
-
-QString compact(const QJsonObject &object)
-{
-    return QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact));
-}
 } // namespace
 
 TControlUI::TControlUI(QObject *parent) : QObject(parent)
@@ -86,16 +80,17 @@ void TControlUI::startScan(const QStringList &scanRoots)
 
     const QJsonObject common = ignoreList->toJson();
     duplicateConfig = selection->toJson();
-    const QJsonObject &duplicate = duplicateConfig;
     similarConfig = general->toJson();
-    logInfo(QStringLiteral("[TControlUI]: Common configuration information: [%1].").arg(compact(common)));
-    logInfo(
-        QStringLiteral("[TControlUI]: Duplication configuration information: [%1].").arg(compact(duplicate)));
-    logInfo(
-        QStringLiteral("[TControlUI]: Similar configuration information: [%1].").arg(compact(similarConfig)));
+    // The log shows the keys in the preferences' own order, which QJsonObject would sort.
+    logInfo(QStringLiteral("[TControlUI]: Common configuration information: [%1].")
+                .arg(QString::fromUtf8(ignoreList->toJsonText())));
+    logInfo(QStringLiteral("[TControlUI]: Duplication configuration information: [%1].")
+                .arg(QString::fromUtf8(selection->toJsonText())));
+    logInfo(QStringLiteral("[TControlUI]: Similar configuration information: [%1].")
+                .arg(QString::fromUtf8(general->toJsonText())));
 
     scanner.setConfig(common);
-    finder.setConfig(duplicate);
+    finder.setConfig(duplicateConfig);
 
     logInfo(QStringLiteral("[TControlUI]: Start Scan: [%1]...").arg(roots.join(QLatin1Char(';'))));
     scanner.setRoots(roots);
