@@ -391,6 +391,9 @@ void DuplicateFileFinder::processDirectories()
         QMutexLocker locker(&mutex);
         folders = m_dirStats.keys();
         signatureFolders.clear();
+    }
+    {
+        QMutexLocker locker(&progressMutex);
         totalFolders = folders.size();
         lastFolderPercent = 0;
     }
@@ -465,8 +468,13 @@ void DuplicateFileFinder::processFolder(const QString &folder)
         md5.addData(key);
     const QByteArray signature = md5.result().toHex();
 
-    QMutexLocker locker(&mutex);
-    signatureFolders[signature].append(folder);
+    {
+        QMutexLocker locker(&mutex);
+        signatureFolders[signature].append(folder);
+    }
+    // Not under `mutex`, so that a directly connected slot may read the finder; the
+    // progress lock only keeps the reported percentages from going backwards.
+    QMutexLocker locker(&progressMutex);
     lastFolderPercent = std::max(lastFolderPercent, double(processed) * 100.0 / double(totalFolders));
     emit progressUpdated(1, lastFolderPercent);
 }

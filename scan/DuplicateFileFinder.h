@@ -75,7 +75,7 @@ private:
 
     std::atomic<bool> stopRequested{false};
 
-    // Guards the timer and keeps progress reports in the order the buckets finished.
+    // Guards the timer and the folder percentages and keeps progress reports in order.
     QMutex progressMutex;
     QElapsedTimer progressTimer;
     qint64 finishedBuckets = 0;
