@@ -11,10 +11,11 @@
 #include <QJsonArray>
 #include <QQueue>
 #include <QThreadPool>
-#include <QWaitCondition>
 
 #include <cmath>
+#include <condition_variable>
 #include <exception>
+#include <mutex>
 
 namespace {
 
@@ -77,10 +78,12 @@ void logBadName(const QString &folder)
 
 } // namespace
 
+// The standard primitives rather than Qt's here: they are what the race checker can
+// follow from the workers' last wait to the scanner thread's teardown of this state.
 struct TFileScanner::Walk
 {
-    QMutex mutex;
-    QWaitCondition wake;
+    std::mutex mutex;
+    std::condition_variable wake;
     QQueue<QString> queue;
     int active = 0;
     bool finished = false;
@@ -387,6 +390,11 @@ void TFileScanner::scanIncrementalParallel(const QString &root)
             pool.start([this, &walk] { worker(walk); });
         // The last worker to go idle on an empty queue ends the walk and wakes the rest.
         pool.waitForDone();
+        {
+            // Every worker has left; taking the lock once more orders their last
+            // touches before the walk state goes away.
+            std::lock_guard locker(walk.mutex);
+        }
         reportLinkedFiles();
     }
     emit progressUpdated(scannedCount.load());
@@ -397,9 +405,8 @@ void TFileScanner::worker(Walk &walk)
     for (;;) {
         QString folder;
         try {
-            QMutexLocker locker(&walk.mutex);
-            while (walk.queue.isEmpty() && !walk.finished)
-                walk.wake.wait(&walk.mutex);
+            std::unique_lock locker(walk.mutex);
+            walk.wake.wait(locker, [&walk] { return !walk.queue.isEmpty() || walk.finished; });
             if (walk.finished)
                 return;
             folder = walk.queue.dequeue();
@@ -415,11 +422,11 @@ void TFileScanner::worker(Walk &walk)
 
         processDir(folder, walk);
 
-        QMutexLocker locker(&walk.mutex);
+        std::lock_guard locker(walk.mutex);
         --walk.active;
         if (walk.active == 0 && (walk.queue.isEmpty() || stopRequested)) {
             walk.finished = true;
-            walk.wake.wakeAll();
+            walk.wake.notify_all();
         }
     }
 }
@@ -452,9 +459,9 @@ void TFileScanner::processDir(const QString &folder, Walk &walk)
             const FileIdentity id = lister.identity();
             if (id.isValid() ? !markFolder(id, path) : lister.isLink())
                 continue;
-            QMutexLocker locker(&walk.mutex);
+            std::lock_guard locker(walk.mutex);
             walk.queue.enqueue(path);
-            walk.wake.wakeOne();
+            walk.wake.notify_one();
         }
         emit pathFound(folder);
     } catch (const std::exception &e) {
