@@ -26,7 +26,9 @@ TControlUI::TControlUI(QObject *parent) : QObject(parent)
     secondTimer.setInterval(1000);
     connect(&secondTimer, &QTimer::timeout, this, &TControlUI::updateTimer);
 
-    connect(&scanner, &TFileScanner::fileFound, this, &TControlUI::processFile, Qt::QueuedConnection);
+    // Reports arrive a folder at a time: one queued event per file would cost more than
+    // the walk itself on large trees.
+    connect(&scanner, &TFileScanner::filesFound, this, &TControlUI::processFiles, Qt::QueuedConnection);
     connect(&scanner, &TFileScanner::progressUpdated, this, &TControlUI::updateScanning,
             Qt::QueuedConnection);
     connect(&scanner, &TFileScanner::scanFinished, this, &TControlUI::scanComplated, Qt::QueuedConnection);
@@ -136,6 +138,15 @@ void TControlUI::processFile(qint64 size, const QString &path, int driveType)
 {
     sizeGroups[size].append(FileMeta{size, path, driveType});
     allFiles.append(path);
+}
+
+void TControlUI::processFiles(const QList<FileMeta> &files)
+{
+    allFiles.reserve(allFiles.size() + files.size());
+    for (const FileMeta &file : files) {
+        sizeGroups[file.size].append(file);
+        allFiles.append(file.filePath);
+    }
 }
 
 void TControlUI::updateScanning(int scannedCount)

@@ -87,6 +87,7 @@ signals:
 
 private slots:
     void processFile(qint64 size, const QString &path, int driveType);
+    void processFiles(const QList<FileMeta> &files);
     void updateScanning(int scannedCount);
     void updateTimer();
     void duplicateProcess(int type, double percent);

@@ -9,6 +9,7 @@
 #include <QFileInfo>
 #include <QHash>
 #include <QJsonArray>
+#include <QMetaMethod>
 #include <QQueue>
 #include <QThreadPool>
 
@@ -163,8 +164,29 @@ void TFileScanner::setDriveQuery(DriveQuery query)
     cache.types.clear();
 }
 
+namespace {
+// Reports of the current folder on this thread, sent as one batch when it is done.
+thread_local QList<FileMeta> t_batch;
+} // namespace
+
+// Sends the thread's batch when a folder is done, whichever way its loop ends.
+struct TFileScanner::BatchFlush
+{
+    TFileScanner *scanner;
+    ~BatchFlush() { scanner->flushBatch(); }
+};
+
+void TFileScanner::flushBatch()
+{
+    if (t_batch.isEmpty())
+        return;
+    emit filesFound(t_batch);
+    t_batch.clear();
+}
+
 void TFileScanner::run()
 {
+    batchReports = isSignalConnected(QMetaMethod::fromSignal(&TFileScanner::filesFound));
     scannedCount = 0;
     {
         QMutexLocker locker(&seenMutex);
@@ -307,6 +329,7 @@ bool TFileScanner::reachedDirectly(const LinkedFile &file) const
 
 void TFileScanner::reportLinkedFiles()
 {
+    const BatchFlush flush{this};
     QList<LinkedFile> pending;
     {
         QMutexLocker locker(&seenMutex);
@@ -324,7 +347,10 @@ void TFileScanner::reportLinkedFiles()
 
 void TFileScanner::report(qint64 size, const QString &path, int driveType)
 {
-    emit fileFound(size, path, driveType);
+    if (batchReports)
+        t_batch.append(FileMeta{size, path, driveType});
+    else
+        emit fileFound(size, path, driveType);
     const int count = scannedCount.fetch_add(1, std::memory_order_relaxed) + 1;
     if (count % 100 == 0)
         emit progressUpdated(count);
@@ -349,6 +375,7 @@ void TFileScanner::scanWithQtRecursive(const QString &root)
         if (stopRequested)
             return;
         const QString folder = queue.dequeue();
+        const BatchFlush flush{this};
         DirLister lister(folder);
         while (lister.next()) {
             if (stopRequested)
@@ -433,6 +460,7 @@ void TFileScanner::worker(Walk &walk)
 
 void TFileScanner::processDir(const QString &folder, Walk &walk)
 {
+    const BatchFlush flush{this};
     try {
         if (stopRequested || isIgnoredPath(folder))
             return;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "scan/FileMeta.h"
+
 #include "platform/FileIdentity.h"
 
 #include <QHash>
@@ -56,6 +58,10 @@ public:
 
 signals:
     void fileFound(qint64 size, QString filePath, int driveType);
+    // The same reports in batches of one listed folder each. A receiver connects to
+    // either; with this one connected, fileFound is not emitted, which spares a queued
+    // event per file on large trees.
+    void filesFound(QList<FileMeta> files);
     void pathFound(QString path);
     void progressUpdated(int scannedCount);
     void scanFinished();
@@ -93,8 +99,12 @@ private:
     void reportLinkedFiles();
     bool reachedDirectly(const LinkedFile &file) const;
     void report(qint64 size, const QString &path, int driveType);
+    // Emits the calling thread's pending batch, if any.
+    void flushBatch();
+    struct BatchFlush;
 
     QStringList roots;
+    bool batchReports = false;
     int scanMode = 1;
     qint64 minBytes = 0;
     qint64 maxBytes = std::numeric_limits<qint64>::max();

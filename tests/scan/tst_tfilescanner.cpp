@@ -34,22 +34,35 @@ struct Run
     int finished = 0;
 };
 
-void scan(TFileScanner &scanner, Run &run, const std::function<void(const QString &)> &onFile = {})
+void scan(TFileScanner &scanner, Run &run, const std::function<void(const QString &)> &onFile = {},
+          bool batched = false)
 {
     QObject context;
-    QObject::connect(
-        &scanner, &TFileScanner::fileFound, &context,
-        [&](qint64 size, const QString &path, int driveType) {
-            {
-                std::lock_guard locker(run.mutex);
-                run.paths.append(path);
-                run.sizes.insert(path, size);
-                run.driveTypes.append(driveType);
-            }
-            if (onFile)
-                onFile(path);
-        },
-        Qt::DirectConnection);
+    const auto record = [&](qint64 size, const QString &path, int driveType) {
+        {
+            std::lock_guard locker(run.mutex);
+            run.paths.append(path);
+            run.sizes.insert(path, size);
+            run.driveTypes.append(driveType);
+        }
+        if (onFile)
+            onFile(path);
+    };
+    if (batched) {
+        QObject::connect(
+            &scanner, &TFileScanner::filesFound, &context,
+            [&](const QList<FileMeta> &files) {
+                for (const FileMeta &f : files)
+                    record(f.size, f.filePath, f.driveType);
+            },
+            Qt::DirectConnection);
+        // With a batch receiver the per-file signal stays silent.
+        QObject::connect(
+            &scanner, &TFileScanner::fileFound, &context, [&] { record(-1, u"<per-file report>"_s, -1); },
+            Qt::DirectConnection);
+    } else {
+        QObject::connect(&scanner, &TFileScanner::fileFound, &context, record, Qt::DirectConnection);
+    }
     QObject::connect(
         &scanner, &TFileScanner::progressUpdated, &context,
         [&](int count) {
@@ -451,12 +464,13 @@ void TestTFileScanner::linksReportEachFileOnce()
     for (const QString &root : roots)
         absoluteRoots.append(dir.filePath(root));
 
-    for (int mode : {0, 1}) {
+    for (int variant = 0; variant < 4; ++variant) {
+        const int mode = variant % 2;
         TFileScanner scanner;
         scanner.setScanMode(mode);
         scanner.setRoots(absoluteRoots);
         Run run;
-        scan(scanner, run);
+        scan(scanner, run, {}, variant >= 2);
         QCOMPARE(run.finished, 1);
         QSet<QPair<quint64, quint64>> identities;
         for (const QString &path : std::as_const(run.paths)) {
