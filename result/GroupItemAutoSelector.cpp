@@ -6,8 +6,8 @@
 #include "scan/TFileData.h"
 #include "settings/TWPreferences.h"
 
-#include <QDateTime>
 #include <QFileInfo>
+#include <QMutex>
 #include <QRegularExpression>
 #include <QThreadPool>
 #include <QWriteLocker>
@@ -15,6 +15,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <filesystem>
 
 namespace {
 struct Lexicon
@@ -86,6 +88,22 @@ bool keepsLastOnTie(int rule)
     return rule == SelectNewest || rule == SelectHighResolution || rule == SelectHighQuality;
 }
 
+// Milliseconds since the epoch, 0 when the time cannot be read. Read without local-time
+// conversion: the ranking needs only the order, and the conversion would serialise every
+// task on the C library's time-zone lock.
+qint64 modifiedMSecs(const QString &path)
+{
+    if (path.isEmpty())
+        return 0;
+    std::error_code error;
+    const auto written =
+        std::filesystem::last_write_time(std::filesystem::path(path.toStdU16String()), error);
+    if (error)
+        return 0;
+    const auto since = std::chrono::file_clock::to_sys(written).time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(since).count();
+}
+
 // Unreadable facts take fixed values: time 0, size 0, a header of -1 x -1 (product 1).
 qint64 rankKey(const QString &entry, int rule)
 {
@@ -93,11 +111,7 @@ qint64 rankKey(const QString &entry, int rule)
     switch (rule) {
     case SelectNewest:
     case SelectOldest: {
-        const QFileInfo info(path);
-        if (path.isEmpty() || !info.exists())
-            return 0;
-        const QDateTime modified = info.lastModified();
-        return modified.isValid() ? modified.toMSecsSinceEpoch() : 0;
+        return modifiedMSecs(path);
     }
     case SelectByFilename:
         return GroupItemAutoSelector::filenameScore(path);
@@ -254,21 +268,33 @@ void GroupItemAutoSelector::autoSelectAllEx(const QList<Group> &groups, int rule
 void GroupItemAutoSelector::autoSelectAllEx(const QList<Group> &groups, int rule,
                                             const QMap<QString, qint32> &priority)
 {
-    std::atomic<qint32> selectedGroups{0};
     TFileData &store = TFileData::instance();
+    // Qt's pool and QReadWriteLock order their threads inside libraries that race checkers
+    // cannot see. The counter's release and acquire (caller to tasks, tasks back to the
+    // caller) and the mutex around the short store writes state that order in our code.
+    QMutex writeMutex;
+    qint32 selectedGroups = 0;
+    std::atomic<qint32> finished;
+    finished.store(0, std::memory_order_release);
     QtConcurrent::blockingMap(QThreadPool::globalInstance(), groups, [&](const Group &group) {
+        (void)finished.load(std::memory_order_acquire);
         const QStringList selected = rule == SelectByPriority ? selectByPriority(group.second, priority)
                                                               : selectGroup(group.second, rule);
-        if (!selected.isEmpty()) {
-            store.setSelected(group.first, selected);
-            selectedGroups.fetch_add(1, std::memory_order_relaxed);
-        } else {
-            QWriteLocker locker(&store.lock);
-            store.selectedFiles.remove(group.first);
+        {
+            const QMutexLocker serial(&writeMutex);
+            if (!selected.isEmpty()) {
+                store.setSelected(group.first, selected);
+                ++selectedGroups;
+            } else {
+                const QWriteLocker locker(&store.lock);
+                store.selectedFiles.remove(group.first);
+            }
         }
+        finished.fetch_add(1, std::memory_order_acq_rel);
     });
+    const qint32 done = finished.load(std::memory_order_acquire);
     logInfo(QStringLiteral("[GroupItemAutoSelector]: Auto select %1 groups by rule %2, %3 groups selected.")
-                .arg(groups.size())
+                .arg(done)
                 .arg(rule)
-                .arg(selectedGroups.load()));
+                .arg(selectedGroups));
 }

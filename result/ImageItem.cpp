@@ -17,7 +17,8 @@ ImageItem ImageItem::fromEntry(const QString &groupKey, qint32 groupIndex, const
     item.similarity = GroupItem::similarityOf(entry);
     item.checked = checked;
 
-    const QFileInfo info(item.path);
+    QFileInfo info(item.path);
+    info.stat();
     if (info.isDir()) {
         item.isFolder = true;
         item.category = Folder;

@@ -23,6 +23,7 @@ TGroupItemBuilder::TGroupItemBuilder(const QHash<QString, QStringList> &files,
             paths.append(record.folderPath);
         data->files.insert(it.key(), paths);
     }
+    data->handOver.store(0, std::memory_order_release);
     m_data = std::move(data);
 }
 
@@ -44,6 +45,7 @@ GroupItem TGroupItemBuilder::buildItem(const QString &key) const
 
 GroupItem TGroupItemBuilder::build(const Snapshot &data, const QString &key)
 {
+    (void)data.handOver.load(std::memory_order_acquire);
     GroupItem item;
     item.groupKey = key;
     item.members = data.files.value(key);
@@ -52,7 +54,9 @@ GroupItem TGroupItemBuilder::build(const Snapshot &data, const QString &key)
     if (!item.members.isEmpty())
         item.firstPath = GroupItem::realPath(item.members.constFirst());
 
-    const QFileInfo info(item.firstPath);
+    // One stat for every fact, so a file vanishing meanwhile cannot mix old and new facts.
+    QFileInfo info(item.firstPath);
+    info.stat();
     item.fileName = info.fileName();
     if (item.firstPath.isEmpty() || !info.exists()) {
         item.category = Others;
@@ -78,13 +82,22 @@ QFuture<QList<GroupItem>> TGroupItemBuilder::start() const
     std::shared_ptr<const Snapshot> data = m_data;
     return QtConcurrent::mappedReduced<QList<GroupItem>>(
         QThreadPool::globalInstance(), keys(), [data](const QString &key) { return build(*data, key); },
-        [](QList<GroupItem> &out, const GroupItem &item) { out.append(item); }, QtConcurrent::OrderedReduce);
+        [data](QList<GroupItem> &out, const GroupItem &item) {
+            out.append(item);
+            data->handOver.fetch_add(1, std::memory_order_acq_rel);
+        },
+        QtConcurrent::OrderedReduce);
 }
 
 QList<GroupItem> TGroupItemBuilder::buildAll() const
 {
-    QFuture<QList<GroupItem>> future = start();
+    return results(start());
+}
+
+QList<GroupItem> TGroupItemBuilder::results(QFuture<QList<GroupItem>> future) const
+{
     future.waitForFinished();
+    (void)m_data->handOver.load(std::memory_order_acquire);
     // An empty key list may finish without reporting a result.
     return future.resultCount() > 0 ? future.result() : QList<GroupItem>();
 }

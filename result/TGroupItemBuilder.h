@@ -9,6 +9,7 @@
 #include <QList>
 #include <QStringList>
 
+#include <atomic>
 #include <memory>
 
 class TFileData;
@@ -32,7 +33,9 @@ public:
     // Builds every group on the global thread pool, results in key order. The future can be
     // watched for progress and cancelled; it keeps the snapshot alive on its own.
     QFuture<QList<GroupItem>> start() const;
-    // Same, waiting for the end.
+    // Waits for a future from start() and returns its items.
+    QList<GroupItem> results(QFuture<QList<GroupItem>> future) const;
+    // start() and results() in one.
     QList<GroupItem> buildAll() const;
     // The member rows of one group; checked from the snapshot's selection table.
     QList<ImageItem> imageItems(const GroupItem &group, qint32 groupIndex) const;
@@ -43,6 +46,10 @@ private:
         QHash<QString, QStringList> files;
         QHash<QString, FolderRecords> folders;
         QHash<QString, QStringList> selection;
+        // The pool hands tasks over inside Qt, out of sight of race checkers: the snapshot
+        // is published with a release that every task acquires, and every reduced item is
+        // released back to the thread that collects the results.
+        mutable std::atomic<qint64> handOver{0};
     };
     static GroupItem build(const Snapshot &data, const QString &key);
 

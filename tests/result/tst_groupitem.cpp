@@ -278,8 +278,7 @@ private slots:
         QFuture<QList<GroupItem>> future = builder.start();
         for (int g = 0; g < 300; g += 2)
             QFile::remove(abs(QStringLiteral("vanish/%1.txt").arg(g)));
-        future.waitForFinished();
-        const QList<GroupItem> items = future.result();
+        const QList<GroupItem> items = builder.results(future);
         QCOMPARE(items.size(), 300);
         for (const GroupItem &item : items) {
             const bool gone = item.category == Others;
