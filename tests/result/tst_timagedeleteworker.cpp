@@ -46,10 +46,10 @@ class tst_TImageDeleteWorker : public QObject
         }
     }
     // "k=a,b;j=c": group key to entries, names taken inside this case's folder.
-    Table table(const QString &spec) const
+    Table table(const QString &text) const
     {
         Table t;
-        for (const QString &group : spec.split(u';', Qt::SkipEmptyParts))
+        for (const QString &group : text.split(u';', Qt::SkipEmptyParts))
             for (const QString &name : group.section(u'=', 1).split(u','))
                 t[group.section(u'=', 0, 0)].append(abs(name));
         return t;
@@ -195,16 +195,16 @@ private Q_SLOTS:
         QFETCH(int, groups);
         QFETCH(int, cancelAt);
         QStringList names;
-        QString spec, chosen;
+        QString text, chosen;
         for (int g = 0; g < groups; ++g) {
             names << u"%1x"_s.arg(g) << u"%1y"_s.arg(g) << u"%1z"_s.arg(g);
-            spec += u"g%1=%1x,%1y,%1z;"_s.arg(g);
+            text += u"g%1=%1x,%1y,%1z;"_s.arg(g);
             chosen += u"g%1=%1x,%1y;"_s.arg(g);
         }
         newCase(names);
         const Run r =
-            run(table(spec), {}, table(chosen), removePermanently, QString(), cancelAt, cancelAt < 0);
-        checkConsistent(table(spec), table(chosen), r);
+            run(table(text), {}, table(chosen), removePermanently, QString(), cancelAt, cancelAt < 0);
+        checkConsistent(table(text), table(chosen), r);
         QCOMPARE(r.removed.size(), r.progress.size());
         QCOMPARE(QDir(m_dir).entryList(QDir::Files).size(), 3 * groups - r.removed.size());
         if (cancelAt >= 0)
