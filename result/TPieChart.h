@@ -62,10 +62,17 @@ signals:
     void statsReady(FileCategoryStatsMap result, int count, qlonglong totalSize);
 
 private:
-    void finish(QFutureWatcher<StatResult> *watcher);
+    void finish(QFutureWatcher<int> *watcher);
     void dropRunning();
 
+    // Guards the figures. The pool threads add their partial results into m_pending
+    // under it as well, so every hand-over between them and this object's thread
+    // passes through one lock that the race checker can follow.
     mutable QMutex m_mutex;
     StatResult m_result;
-    QFutureWatcher<StatResult> *m_watcher = nullptr;
+    StatResult m_pending;
+    // The groups being counted; held until the count is over so that their memory is
+    // released on this thread, after the lock has ordered the pool threads' reads.
+    QList<QStringList> m_input;
+    QFutureWatcher<int> *m_watcher = nullptr;
 };

@@ -80,45 +80,56 @@ enum class Job
     Save
 };
 
-// Starts one job and waits for its completion signal on this (the GUI) thread.
+// Starts one job and waits for its completion. The signals are taken directly on the
+// job's thread under a lock: a queued delivery would hand the arguments over inside
+// Qt, where the race checker cannot follow them.
 Run runJob(TOpenSaveThread &thread, Job job, const QString &path, int count = 0,
            const QString &time = QString())
 {
     Run run;
+    QMutex mutex;
     QObject context;
-    auto progress = [&run](double current, double total) {
+    auto progress = [&run, &mutex](double current, double total) {
+        QMutexLocker locker(&mutex);
         run.progress.append({current, total});
         if (run.completions > 0)
             run.progressAfterCompletion = true;
     };
+    auto completed = [&run, &mutex](int flag, int files, qint64 size) {
+        QMutexLocker locker(&mutex);
+        ++run.completions;
+        run.flag = flag;
+        run.files = files;
+        run.size = size;
+    };
     if (job == Job::Open) {
-        QObject::connect(&thread, &TOpenSaveThread::openProjectComplated, &context,
-                         [&run](int flag, int files, qint64 size) {
-                             ++run.completions;
-                             run.flag = flag;
-                             run.files = files;
-                             run.size = size;
-                         });
-        QObject::connect(&thread, &TOpenSaveThread::openProjectProcess, &context, progress);
+        QObject::connect(&thread, &TOpenSaveThread::openProjectComplated, &context, completed,
+                         Qt::DirectConnection);
+        QObject::connect(&thread, &TOpenSaveThread::openProjectProcess, &context, progress,
+                         Qt::DirectConnection);
         run.started = thread.openProject(path);
     } else {
-        QObject::connect(&thread, &TOpenSaveThread::saveComplated, &context, [&run](int flag) {
-            ++run.completions;
-            run.flag = flag;
-        });
-        QObject::connect(&thread, &TOpenSaveThread::saveProjectProcess, &context, progress);
+        QObject::connect(
+            &thread, &TOpenSaveThread::saveComplated, &context,
+            [completed](int flag) { completed(flag, -1, -1); }, Qt::DirectConnection);
+        QObject::connect(&thread, &TOpenSaveThread::saveProjectProcess, &context, progress,
+                         Qt::DirectConnection);
         run.started = thread.saveProject(path, count, time);
     }
     if (run.started) {
         // A timeout shows as a missing completion in the caller's checks.
-        (void)QTest::qWaitFor([&run] { return run.completions > 0; }, kWaitMs);
+        (void)QTest::qWaitFor(
+            [&run, &mutex] {
+                QMutexLocker locker(&mutex);
+                return run.completions > 0;
+            },
+            kWaitMs);
         thread.wait();
     }
-    // Let anything still queued arrive, so a second completion would be seen.
-    QCoreApplication::processEvents();
     // Reading through the thread's lock also orders the thread's store writes before
     // the checks that follow.
     (void)thread.loadedFiles();
+    QMutexLocker locker(&mutex);
     return run;
 }
 
