@@ -13,14 +13,15 @@
 #include <QReadWriteLock>
 #include <QSet>
 #include <QThreadPool>
-#include <QtConcurrent/QtConcurrentMap>
 
 #include <xxhash.h>
 
 #include <algorithm>
 #include <array>
+#include <condition_variable>
 #include <exception>
 #include <memory>
+#include <mutex>
 
 namespace {
 
@@ -42,6 +43,88 @@ HashState newHashState()
     if (state && XXH3_64bits_reset(state.get()) == XXH_ERROR)
         state.reset();
     return state;
+}
+
+// Orders the caller after a finished job: QThread::wait() orders threads only through
+// Qt's internal futex, which the race checker cannot follow, while an annotated QMutex
+// hand-over is visible to it and costs next to nothing.
+void handOver(QMutex &fence)
+{
+    QMutexLocker locker(&fence);
+}
+
+// Taken by a pool task before it touches anything of the map that queued it. A global,
+// so that its own construction is ordered before every use.
+constinit std::mutex poolHandOver;
+
+// Runs `step` over every item on the global thread pool, the calling thread taking part,
+// and returns when all are done. Items are claimed through an atomic index; hand-overs
+// use standard locks so that the race checker can follow every one of them (QtConcurrent
+// and std::function tasks are handed over inside the uninstrumented Qt libraries and
+// read before any lock of ours could order them). Helpers that the pool only gets round
+// to after the caller has finished find the map closed and leave at once, so a busy
+// pool never holds the caller up.
+template <typename Sequence, typename Step> void mapOnPool(const Sequence &sequence, const Step &step)
+{
+    struct Shared
+    {
+        Shared(const Sequence &sequence, const Step &step) : sequence(sequence), step(step) {}
+
+        void work()
+        {
+            for (qsizetype i = next++; i < sequence.size(); i = next++)
+                step(sequence.at(i));
+        }
+
+        void help()
+        {
+            {
+                std::lock_guard lock(mutex);
+                if (closed)
+                    return;
+                ++active;
+            }
+            work();
+            std::lock_guard lock(mutex);
+            if (--active == 0)
+                idle.notify_all();
+        }
+
+        const Sequence &sequence;
+        const Step &step;
+        std::atomic<qsizetype> next{0};
+        std::mutex mutex;
+        std::condition_variable idle;
+        qsizetype active = 0;
+        bool closed = false;
+    };
+    struct Helper final : QRunnable
+    {
+        explicit Helper(std::shared_ptr<Shared> shared) : shared(std::move(shared)) {}
+        void run() override
+        {
+            {
+                std::lock_guard lock(poolHandOver);
+            }
+            shared->help();
+        }
+        std::shared_ptr<Shared> shared;
+    };
+
+    const auto shared = std::make_shared<Shared>(sequence, step);
+    QThreadPool *pool = QThreadPool::globalInstance();
+    const qsizetype helpers = std::min<qsizetype>(pool->maxThreadCount(), sequence.size()) - 1;
+    for (qsizetype h = 0; h < helpers; ++h) {
+        auto *helper = new Helper(shared);
+        {
+            std::lock_guard lock(poolHandOver);
+        }
+        pool->start(helper);
+    }
+    shared->work();
+    std::unique_lock lock(shared->mutex);
+    shared->closed = true;
+    shared->idle.wait(lock, [&shared] { return shared->active == 0; });
 }
 
 QByteArray hexKey(XXH64_hash_t digest)
@@ -136,6 +219,7 @@ DuplicateFileFinder::~DuplicateFileFinder()
 {
     stop();
     wait();
+    handOver(mutex);
 }
 
 void DuplicateFileFinder::setInput(const SizeGroups &groups, const QStringList &files)
@@ -208,6 +292,8 @@ void DuplicateFileFinder::run()
         signatureFolders.clear();
     }
     emit scanFinished();
+    // Whoever reads the results after wait() takes `mutex` (every accessor does).
+    handOver(mutex);
 }
 
 void DuplicateFileFinder::processDuplicates()
@@ -219,9 +305,9 @@ void DuplicateFileFinder::processDuplicates()
         finishedBuckets = 0;
     }
 
-    QList<QList<FileMeta>> buckets = sizeGroups.values();
+    const QList<QList<FileMeta>> buckets = sizeGroups.values();
     QList<QList<FileMeta>> candidates;
-    QtConcurrent::blockingMap(QThreadPool::globalInstance(), buckets, [&](const QList<FileMeta> &bucket) {
+    mapOnPool(buckets, [&](const QList<FileMeta> &bucket) {
         if (bucket.size() >= 2) {
             QMutexLocker locker(&writerMutex);
             candidates.append(bucket);
@@ -238,9 +324,8 @@ void DuplicateFileFinder::processDuplicates()
     }
     const qsizetype chunk = std::max<qsizetype>(10, total / std::max(1, QThread::idealThreadCount()));
     for (qsizetype start = 0; start < total && !stopRequested; start += chunk) {
-        QList<QList<FileMeta>> slice = candidates.mid(start, chunk);
-        QtConcurrent::blockingMap(QThreadPool::globalInstance(), slice,
-                                  [&](const QList<FileMeta> &bucket) { processBucket(bucket, writerMutex); });
+        const QList<QList<FileMeta>> slice = candidates.mid(start, chunk);
+        mapOnPool(slice, [&](const QList<FileMeta> &bucket) { processBucket(bucket, writerMutex); });
     }
 
     emit progressUpdated(0, stopRequested ? 0.0 : 100.0);
@@ -403,8 +488,7 @@ void DuplicateFileFinder::processDirectories()
             "[TDuplicateFinleFinder]: Start matching duplicate directories. Number of groups to match [%1].")
             .arg(folders.size()));
 
-    QtConcurrent::blockingMap(QThreadPool::globalInstance(), folders,
-                              [this](const QString &folder) { processFolder(folder); });
+    mapOnPool(folders, [this](const QString &folder) { processFolder(folder); });
     if (stopRequested) {
         emit progressUpdated(1, 0);
         return;

@@ -80,6 +80,8 @@ void run(DuplicateFileFinder &finder, const SizeGroups &input, int method, bool 
         {{u"scanMethod"_s, method}, {u"scanDupDirectory"_s, folders}, {u"duplicateSelectHint"_s, 8}});
     finder.start();
     QVERIFY(finder.wait());
+    // Released at the end of the run; read first, as the accessors order us after the run.
+    QVERIFY(finder.dirStats().isEmpty());
 }
 } // namespace
 
@@ -287,6 +289,9 @@ void TestDuplicateFileFinder::groupsEqualByteComparison()
         last = report.at(1).toDouble();
     }
     QCOMPARE(last, 100.0);
+    // The bucket that completes the pass reports 100 itself, before the closing report.
+    QVERIFY(progress.size() >= 2);
+    QCOMPARE(progress.at(progress.size() - 2).at(1).toDouble(), 100.0);
 }
 
 void TestDuplicateFileFinder::vanishedAndRepeatedFiles_data()
@@ -393,6 +398,7 @@ void TestDuplicateFileFinder::stopKeepsOnlyTrueGroups()
             QThread::msleep(ulong(delayMs));
         finder.stop();
         QVERIFY(finder.wait());
+        QVERIFY(finder.dirStats().isEmpty());
         QCOMPARE(finished.size(), 1);
         // Either the stop arrived in time and the run ends at 0, or it had finished at 100.
         const double last = progress.last().at(1).toDouble();

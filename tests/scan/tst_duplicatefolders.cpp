@@ -164,9 +164,9 @@ void TestDuplicateFolders::fullRunReportsFolderPhase()
     finder.setConfig({{u"scanMethod"_s, 0}, {u"scanDupDirectory"_s, folders}, {u"duplicateSelectHint"_s, 8}});
     finder.start();
     QVERIFY(finder.wait());
+    QVERIFY(finder.dirStats().isEmpty());
     QCOMPARE(TFileData::instance().folderGroups.size(), folders ? 1 : 0);
     QCOMPARE(TFileData::instance().duplicateGroups.size(), folders ? 0 : 2);
-    QVERIFY(finder.dirStats().isEmpty());
     QList<double> folderPhase;
     for (const QVariantList &report : std::as_const(progress))
         if (report.at(0).toInt() == 1)
