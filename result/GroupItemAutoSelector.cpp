@@ -189,7 +189,7 @@ QStringList GroupItemAutoSelector::selectByPriority(const QStringList &paths,
     if (priority.isEmpty())
         return selectGroup(paths, SelectByFilename);
 
-    // Most specific folder first; equal lengths keep the table's ascending path order.
+    // Deepest folder first; equal lengths keep the table's ascending path order.
     QStringList folders = priority.keys();
     std::stable_sort(folders.begin(), folders.end(),
                      [](const QString &a, const QString &b) { return a.size() > b.size(); });

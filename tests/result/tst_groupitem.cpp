@@ -37,14 +37,14 @@ private:
 
     // Member entries name files under the test folder: "name:bytes", "name:-" for a file that
     // is never written, "name/" for a folder; a ">suffix" part is appended to the entry.
-    QStringList makeMembers(const QStringList &specs)
+    QStringList makeMembers(const QStringList &layout)
     {
         QStringList entries;
-        for (const QString &spec : specs) {
-            const QString fileSpec = spec.section(u'>', 0, 0);
-            const QString suffix = spec.section(u'>', 1);
-            const QString name = fileSpec.section(u':', 0, 0);
-            const QString bytes = fileSpec.section(u':', 1);
+        for (const QString &desc : layout) {
+            const QString fileDesc = desc.section(u'>', 0, 0);
+            const QString suffix = desc.section(u'>', 1);
+            const QString name = fileDesc.section(u':', 0, 0);
+            const QString bytes = fileDesc.section(u':', 1);
             if (name.endsWith(u'/')) {
                 QDir().mkpath(abs(name));
                 entries.append(abs(name.chopped(1)) + suffix);
@@ -90,7 +90,7 @@ private slots:
 
     void buildItem_data()
     {
-        QTest::addColumn<QStringList>("specs");
+        QTest::addColumn<QStringList>("layout");
         QTest::addColumn<qint32>("selected");
         QTest::addColumn<QString>("fileName");
         QTest::addColumn<qint64>("totalSize");
@@ -118,12 +118,12 @@ private slots:
     }
     void buildItem()
     {
-        QFETCH(QStringList, specs);
+        QFETCH(QStringList, layout);
         QFETCH(qint32, selected);
         QFETCH(QString, fileName);
         QFETCH(qint64, totalSize);
         QFETCH(qint32, category);
-        const QStringList members = makeMembers(specs);
+        const QStringList members = makeMembers(layout);
         QHash<QString, QStringList> selection;
         if (selected > 0)
             selection.insert(u"KEY"_s, members.mid(0, selected));
@@ -135,7 +135,7 @@ private slots:
         QCOMPARE(item.memberCount, qint32(members.size()));
         QCOMPARE(item.selectedCount, selected);
         QCOMPARE(item.fileName, fileName);
-        QCOMPARE(item.firstPath, abs(specs.constFirst().section(u':', 0, 0)));
+        QCOMPARE(item.firstPath, abs(layout.constFirst().section(u':', 0, 0)));
         QCOMPARE(item.totalSize, totalSize);
         QCOMPARE(item.category, category);
     }

@@ -28,12 +28,12 @@ private:
     QString abs(const QString &name) const { return m_dir.path() + u'/' + name; }
     QString rel(const QString &path) const { return path.mid(m_dir.path().size() + 1); }
 
-    // A member spec is "name|bytes|mtime|image": bytes "-" leaves the file absent (vanished),
+    // A member desc is "name|bytes|mtime|image": bytes "-" leaves the file absent (vanished),
     // mtime is seconds after a fixed base, image is "WxH" for a real PNG or "junk" for a
     // file with an image name and no image inside. Empty fields are left to defaults.
-    bool create(const QString &spec)
+    bool create(const QString &desc)
     {
-        const QStringList f = spec.split(u'|');
+        const QStringList f = desc.split(u'|');
         const QString path = abs(f.value(0));
         const QString bytes = f.value(1);
         const QString mtime = f.value(2);
@@ -64,16 +64,16 @@ private:
         return true;
     }
 
-    // Creates the files of a group in a fresh sub-folder; an optional ">suffix" after a spec
+    // Creates the files of a group in a fresh sub-folder; an optional ">suffix" after a desc
     // is appended to the member entry (similar-image entries).
-    QStringList makeGroup(const QString &folder, const QStringList &specs)
+    QStringList makeGroup(const QString &folder, const QStringList &layout)
     {
         QStringList entries;
-        for (const QString &spec : specs) {
-            const QString fileSpec = spec.section(u'>', 0, 0);
-            const QString suffix = spec.section(u'>', 1);
-            const QString name = folder + u'/' + fileSpec.section(u'|', 0, 0);
-            if (!create(name + u'|' + fileSpec.section(u'|', 1)))
+        for (const QString &desc : layout) {
+            const QString fileDesc = desc.section(u'>', 0, 0);
+            const QString suffix = desc.section(u'>', 1);
+            const QString name = folder + u'/' + fileDesc.section(u'|', 0, 0);
+            if (!create(name + u'|' + fileDesc.section(u'|', 1)))
                 return {};
             entries.append(abs(name) + suffix);
         }
@@ -143,12 +143,12 @@ private slots:
 
     void selectGroup_data()
     {
-        QTest::addColumn<QStringList>("specs");
+        QTest::addColumn<QStringList>("layout");
         QTest::addColumn<int>("rule");
         QTest::addColumn<QStringList>("selected");
-        const auto row = [](const char *name, const QStringList &specs, int rule,
+        const auto row = [](const char *name, const QStringList &layout, int rule,
                             const QStringList &selected) {
-            QTest::newRow(name) << specs << rule << selected;
+            QTest::newRow(name) << layout << rule << selected;
         };
         const QStringList ages = {u"a.txt|4|300"_s, u"b.txt|4|100"_s, u"c.txt|4|200"_s};
         const QStringList sameAge = {u"a.txt|4|100"_s, u"b.txt|4|100"_s, u"c.txt|4|100"_s};
@@ -223,12 +223,12 @@ private slots:
     }
     void selectGroup()
     {
-        QFETCH(QStringList, specs);
+        QFETCH(QStringList, layout);
         QFETCH(int, rule);
         QFETCH(QStringList, selected);
         const QString folder = QStringLiteral("g%1").arg(++m_case);
-        const QStringList entries = makeGroup(folder, specs);
-        QCOMPARE(entries.size(), specs.size());
+        const QStringList entries = makeGroup(folder, layout);
+        QCOMPARE(entries.size(), layout.size());
         QCOMPARE(relative(GroupItemAutoSelector::selectGroup(entries, rule), folder), selected);
     }
 
@@ -264,7 +264,7 @@ private slots:
             << QStringList{abx, ax} << Priorities{{u"/d/a"_s, 5}, {u"/d/a/b"_s, 1}} << QStringList{ax};
         QTest::newRow("nested: protected inner folder")
             << QStringList{ax, abx} << Priorities{{u"/d/a"_s, 1}, {u"/d/a/b"_s, -1}} << QStringList{ax};
-        QTest::newRow("three levels, most specific first")
+        QTest::newRow("three levels, deepest first")
             << QStringList{u"/d/a/b/c/x"_s, abx, ax}
             << Priorities{{u"/d/a/b/c"_s, 2}, {u"/d/a/b"_s, 5}, {u"/d/a"_s, 1}}
             << QStringList{u"/d/a/b/c/x"_s, abx};
@@ -320,21 +320,21 @@ private slots:
         const QString folder = QStringLiteral("many%1").arg(++m_case);
         QList<GroupItemAutoSelector::Group> groups;
         for (int g = 0; g < 120; ++g) {
-            QStringList specs;
+            QStringList layout;
             const int members = g % 5; // 0..4 members, so some groups are below two
             for (int m = 0; m < members; ++m) {
                 const QString name =
                     m == 1 ? QStringLiteral("f%1 (1).txt").arg(m) : QStringLiteral("f%1.txt").arg(m);
-                specs.append(QStringLiteral("%1/%2/%3|%4|%5")
-                                 .arg(g % 3)
-                                 .arg(g)
-                                 .arg(name)
-                                 .arg((g + m * 7) % 11)
-                                 .arg((g * m) % 13));
+                layout.append(QStringLiteral("%1/%2/%3|%4|%5")
+                                  .arg(g % 3)
+                                  .arg(g)
+                                  .arg(name)
+                                  .arg((g + m * 7) % 11)
+                                  .arg((g * m) % 13));
             }
-            if (g % 17 == 0 && !specs.isEmpty())
-                specs.append(QStringLiteral("gone%1.txt|-").arg(g));
-            groups.append({QStringLiteral("K%1").arg(g), makeGroup(folder, specs)});
+            if (g % 17 == 0 && !layout.isEmpty())
+                layout.append(QStringLiteral("gone%1.txt|-").arg(g));
+            groups.append({QStringLiteral("K%1").arg(g), makeGroup(folder, layout)});
         }
         const Priorities table{
             {abs(folder + u"/0"_s), 1}, {abs(folder + u"/1"_s), -1}, {abs(folder + u"/2"_s), 3}};
