@@ -5,6 +5,7 @@
 #include <QDate>
 #include <QDebug>
 #include <QDir>
+#include <QFile>
 #include <QStandardPaths>
 
 #include <spdlog/sinks/daily_file_sink.h>
@@ -39,7 +40,14 @@ bool TLogger::init(const QString &appDir)
         qDebug() << "Failed to create writable directory:" << dir;
     try {
         spdlog::drop(kLoggerName);
-        const std::string base = QStringLiteral("%1/log.log").arg(dir).toStdString();
+        const QString basePath = QStringLiteral("%1/log.log").arg(dir);
+        // spdlog takes file names in the platform's own encoding, not always UTF-8: a
+        // per-user folder with non-ASCII letters must still open.
+#ifdef SPDLOG_WCHAR_FILENAMES
+        const spdlog::filename_t base = basePath.toStdWString();
+#else
+        const spdlog::filename_t base = QFile::encodeName(basePath).toStdString();
+#endif
         auto logger = spdlog::daily_logger_mt(kLoggerName, base, 0, 0);
         spdlog::set_pattern("[%H:%M:%S.%e]:%v");
         logger->set_level(spdlog::level::info);
