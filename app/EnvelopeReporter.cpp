@@ -13,13 +13,13 @@
 #include <QHostAddress>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QNetworkAccessManager>
-#include <QNetworkReply>
-#include <QNetworkRequest>
+#include <QSslSocket>
 #include <QSysInfo>
-#include <QThread>
+#include <QTcpSocket>
 #include <QTimer>
 #include <QUuid>
+
+#include <functional>
 
 namespace {
 // Reporters initialised before the application object exists; their sender starts
@@ -139,7 +139,7 @@ bool EnvelopeReporter::init(const Options &options)
     if (m_queue.isEmpty() || m_closed)
         return true;
     if (QCoreApplication::instance()) {
-        startSenderLocked(lock);
+        startSenderLocked();
         return true;
     }
     {
@@ -162,9 +162,9 @@ void EnvelopeReporter::startAfterApplication()
                 reporters.swap(g_waiting);
             }
             for (EnvelopeReporter *reporter : std::as_const(reporters)) {
-                std::unique_lock lock(reporter->m_mutex);
-                if (!reporter->m_closed && !reporter->m_thread && !reporter->m_queue.isEmpty())
-                    reporter->startSenderLocked(lock);
+                std::lock_guard lock(reporter->m_mutex);
+                if (!reporter->m_closed && !reporter->m_queue.isEmpty())
+                    reporter->startSenderLocked();
             }
         },
         Qt::QueuedConnection);
@@ -216,12 +216,8 @@ bool EnvelopeReporter::captureMessage(const Event &event)
         job.event.insert(QStringLiteral("extra"), event.extra);
     m_queue.append(job);
 
-    if (!QCoreApplication::instance())
-        return true; // sent once the application exists, or dropped at close
-    if (!m_thread)
-        startSenderLocked(lock);
-    else
-        wakeSenderLocked();
+    if (QCoreApplication::instance())
+        startSenderLocked(); // a running sender picks the job up by itself
     return true;
 }
 
@@ -306,19 +302,16 @@ bool EnvelopeReporter::readRecord(const QString &path, Job *job) const
     return true;
 }
 
-void EnvelopeReporter::startSenderLocked(std::unique_lock<std::mutex> &lock)
+void EnvelopeReporter::startSenderLocked()
 {
-    m_thread = QThread::create([this] { senderMain(); });
-    m_thread->setObjectName(QStringLiteral("TwinfoldReporter"));
-    m_thread->start(QThread::LowPriority);
-    m_started.wait(lock, [this] { return m_context != nullptr; });
-}
-
-void EnvelopeReporter::wakeSenderLocked()
-{
-    if (m_context)
-        QMetaObject::invokeMethod(
-            m_context, [this] { drain(); }, Qt::QueuedConnection);
+    if (m_senderRunning)
+        return;
+    if (m_thread.joinable()) {
+        // An earlier batch's thread: it has let go of everything of ours and only ends.
+        m_thread.join();
+    }
+    m_senderRunning = true;
+    m_thread = std::thread([this] { senderMain(); });
 }
 
 void EnvelopeReporter::close()
@@ -331,91 +324,73 @@ void EnvelopeReporter::close()
         std::lock_guard waiting(g_waitingMutex);
         g_waiting.removeAll(this);
     }
-    if (!m_thread) {
-        if (!m_queue.isEmpty() && QCoreApplication::instance()) {
-            startSenderLocked(lock); // it drains, sees m_closed and stops when done
+    if (!m_senderRunning && !m_queue.isEmpty()) {
+        if (QCoreApplication::instance()) {
+            startSenderLocked(); // it sends, sees the close and stops when done
         } else {
-            if (!m_queue.isEmpty())
-                diag(QStringLiteral("%1 report(s) not sent: no application").arg(m_queue.size()));
+            diag(QStringLiteral("%1 report(s) not sent: no application").arg(m_queue.size()));
             m_queue.clear();
-            return;
         }
-    } else {
-        wakeSenderLocked();
     }
-    QThread *thread = m_thread;
+    std::thread thread = std::move(m_thread);
     lock.unlock();
-
-    // The sender aborts what is still running at the timeout; the margin covers that.
-    if (!thread->wait(QDeadlineTimer(qint64(m_options.shutdownTimeoutMs) + 5000))) {
-        diag(QStringLiteral("the sender did not stop in time; waiting for it"));
-        thread->wait();
-    }
-    lock.lock();
-    m_thread = nullptr;
-    lock.unlock();
-    delete thread;
+    // Bounded: the sender abandons what still runs once the shutdown timeout has passed.
+    if (thread.joinable())
+        thread.join();
 }
 
 // --- sender thread -----------------------------------------------------------------
 
+struct EnvelopeReporter::Sender
+{
+    QEventLoop loop;
+    QTimer poll;
+    // Each running request with what ends it.
+    QHash<QTcpSocket *, std::function<void(const QString &)>> inFlight;
+    bool draining = false;
+};
+
 void EnvelopeReporter::senderMain()
 {
-    QNetworkAccessManager nam;
-    QObject context;
-    QEventLoop loop;
-    m_nam = &nam;
-    m_loop = &loop;
-    {
-        std::lock_guard lock(m_mutex);
-        m_context = &context;
-    }
-    m_started.notify_all();
-
+    Sender sender;
+    sender.poll.setInterval(kPollMs);
+    QObject::connect(&sender.poll, &QTimer::timeout, &sender.poll, [this, &sender] { pump(sender); });
+    sender.poll.start();
     // Queued, not called: a quit() before exec() would be lost and the loop never end.
     QMetaObject::invokeMethod(
-        &context, [this] { drain(); }, Qt::QueuedConnection);
-    loop.exec();
-
-    std::lock_guard lock(m_mutex);
-    m_context = nullptr;
-    m_nam = nullptr;
-    m_loop = nullptr;
+        &sender.poll, [this, &sender] { pump(sender); }, Qt::QueuedConnection);
+    sender.loop.exec();
 }
 
-void EnvelopeReporter::drain()
+void EnvelopeReporter::pump(Sender &sender)
 {
     QList<Job> jobs;
     bool closing = false;
-    QObject *context = nullptr;
     {
         std::lock_guard lock(m_mutex);
         jobs.swap(m_queue);
         closing = m_closed;
-        context = m_context;
-    }
-    for (const Job &job : std::as_const(jobs))
-        send(job);
-    if (closing && !m_draining) {
-        m_draining = true;
-        if (!m_inFlight.isEmpty()) {
-            QTimer::singleShot(m_options.shutdownTimeoutMs, context, [this] {
-                if (m_inFlight.isEmpty())
-                    return;
-                diag(QStringLiteral("%1 report(s) abandoned at shutdown").arg(m_inFlight.size()));
-                const QList<QNetworkReply *> running = m_inFlight;
-                for (QNetworkReply *reply : running)
-                    reply->abort();
-            });
+        if (jobs.isEmpty() && sender.inFlight.isEmpty()) {
+            // Decided under the lock, so a job queued now starts a new sender. After
+            // this the thread touches nothing of the reporter's.
+            m_senderRunning = false;
+            sender.loop.quit();
+            return;
         }
     }
-    stopWhenIdle();
-}
-
-void EnvelopeReporter::stopWhenIdle()
-{
-    if (m_draining && m_inFlight.isEmpty())
-        m_loop->quit();
+    for (const Job &job : std::as_const(jobs))
+        send(sender, job);
+    if (closing && !sender.draining) {
+        sender.draining = true;
+        QTimer::singleShot(m_options.shutdownTimeoutMs, &sender.poll, [&sender] {
+            if (sender.inFlight.isEmpty())
+                return;
+            diag(QStringLiteral("%1 report(s) abandoned at shutdown").arg(sender.inFlight.size()));
+            const auto running = sender.inFlight.values();
+            for (const auto &finish : running)
+                finish(QStringLiteral("abandoned at shutdown"));
+        });
+    }
 }
 
 QByteArray EnvelopeReporter::buildEnvelope(const Job &job) const
@@ -452,27 +427,66 @@ QByteArray EnvelopeReporter::buildEnvelope(const Job &job) const
     return envelope;
 }
 
-void EnvelopeReporter::send(const Job &job)
+void EnvelopeReporter::send(Sender &sender, const Job &job)
 {
-    QNetworkRequest request(m_endpoint.url);
-    request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArrayLiteral("application/x-sentry-envelope"));
-    request.setHeader(QNetworkRequest::UserAgentHeader, clientName());
-    request.setRawHeader(QByteArrayLiteral("X-Sentry-Auth"), m_endpoint.authHeader);
-    // A stalled service must not hold a report for the whole run.
-    request.setTransferTimeout(30000);
-    QNetworkReply *reply = m_nam->post(request, buildEnvelope(job));
-    m_inFlight.append(reply);
+    const QUrl &url = m_endpoint.url;
+    const bool tls = url.scheme() == QLatin1String("https");
+    if (tls && !QSslSocket::supportsSsl()) {
+        diag(QStringLiteral("sending a report failed: TLS is not available"));
+        return;
+    }
+    const QByteArray body = buildEnvelope(job);
+    const QByteArray request =
+        "POST " + url.path(QUrl::FullyEncoded).toLatin1() +
+        " HTTP/1.1\r\nHost: " + url.authority(QUrl::RemoveUserInfo | QUrl::FullyEncoded).toLatin1() +
+        "\r\nContent-Type: application/x-sentry-envelope\r\nX-Sentry-Auth: " + m_endpoint.authHeader +
+        "\r\nUser-Agent: " + clientName() + "\r\nContent-Length: " + QByteArray::number(body.size()) +
+        "\r\nConnection: close\r\n\r\n" + body;
+
+    // The socket lives on this thread, so closing can abort it at once and no thread of
+    // Qt's own is involved. The service's answer matters only up to its status line.
+    QTcpSocket *socket = tls ? new QSslSocket : new QTcpSocket;
+    auto response = std::make_shared<QByteArray>();
+    auto done = std::make_shared<bool>(false);
     const QString recordPath = job.recordPath;
-    QObject::connect(reply, &QNetworkReply::finished, reply,
-                     [this, reply, recordPath] { onFinished(reply, recordPath); });
+    const auto finish = [this, &sender, socket, response, done, recordPath](const QString &failure) {
+        if (*done)
+            return;
+        *done = true;
+        const QByteArray statusLine = response->left(response->indexOf('\n')).trimmed();
+        const int status = statusLine.startsWith("HTTP/") ? statusLine.split(' ').value(1).toInt() : 0;
+        sender.inFlight.remove(socket);
+        socket->abort();
+        socket->deleteLater();
+        onFinished(sender, status, status ? QString() : failure, recordPath);
+    };
+    QObject::connect(socket, &QAbstractSocket::readyRead, socket, [socket, response, finish] {
+        response->append(socket->readAll());
+        if (response->contains('\n'))
+            finish(QString());
+    });
+    QObject::connect(socket, &QAbstractSocket::errorOccurred, socket,
+                     [socket, finish] { finish(socket->errorString()); });
+    QObject::connect(socket, &QAbstractSocket::disconnected, socket,
+                     [finish] { finish(QStringLiteral("the service closed the connection")); });
+    // A stalled service must not hold a report for the whole run.
+    QTimer::singleShot(kRequestTimeoutMs, socket, [finish] { finish(QStringLiteral("no answer in time")); });
+    sender.inFlight.insert(socket, finish);
+    if (tls) {
+        auto *ssl = static_cast<QSslSocket *>(socket);
+        QObject::connect(ssl, &QSslSocket::encrypted, ssl, [ssl, request] { ssl->write(request); });
+        ssl->connectToHostEncrypted(url.host(), quint16(url.port(443)));
+    } else {
+        QObject::connect(socket, &QAbstractSocket::connected, socket,
+                         [socket, request] { socket->write(request); });
+        socket->connectToHost(url.host(), quint16(url.port(80)));
+    }
 }
 
-void EnvelopeReporter::onFinished(QNetworkReply *reply, const QString &recordPath)
+void EnvelopeReporter::onFinished(Sender &sender, int status, const QString &failure,
+                                  const QString &recordPath)
 {
-    m_inFlight.removeAll(reply);
-    reply->deleteLater();
-    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-    if (reply->error() == QNetworkReply::NoError && status >= 200 && status < 300) {
+    if (status >= 200 && status < 300) {
         if (!recordPath.isEmpty() && !QFile::remove(recordPath) && QFile::exists(recordPath))
             diag(QStringLiteral("cannot remove sent crash record %1").arg(recordPath));
         if (m_options.debug)
@@ -483,7 +497,8 @@ void EnvelopeReporter::onFinished(QNetworkReply *reply, const QString &recordPat
         if (!recordPath.isEmpty() && status >= 400 && status < 500 && status != 429)
             QFile::remove(recordPath);
     } else {
-        diag(QStringLiteral("sending a report failed: %1").arg(reply->errorString()));
+        diag(QStringLiteral("sending a report failed: %1").arg(failure));
     }
-    stopWhenIdle();
+    if (sender.inFlight.isEmpty())
+        pump(sender); // ends the thread at once when nothing else is left
 }

@@ -7,14 +7,8 @@
 #include <QList>
 #include <QUrl>
 
-#include <condition_variable>
 #include <mutex>
-
-class QEventLoop;
-class QNetworkAccessManager;
-class QNetworkReply;
-class QObject;
-class QThread;
+#include <thread>
 
 // The built-in reporter: each event becomes one envelope (header, an "event" item and
 // the day's log file as an "attachment" item) that a sender thread POSTs to the DSN's
@@ -62,32 +56,30 @@ private:
     void queuePendingRecords();
     bool readRecord(const QString &path, Job *job) const;
     QJsonObject commonEvent(const QByteArray &eventId, const QDateTime &when) const;
-    void startSenderLocked(std::unique_lock<std::mutex> &lock);
-    void wakeSenderLocked();
+    void startSenderLocked();
     static void startAfterApplication();
 
-    // Sender thread only.
+    // Sender thread only. The thread lives while there is work: it takes queued jobs
+    // every kPollMs and ends once nothing is queued or in flight. Nothing crosses to it
+    // but the mutex-guarded queue and the closed flag.
+    struct Sender;
     void senderMain();
-    void drain();
-    void send(const Job &job);
-    void onFinished(QNetworkReply *reply, const QString &recordPath);
-    void stopWhenIdle();
+    void pump(Sender &sender);
+    void send(Sender &sender, const Job &job);
+    void onFinished(Sender &sender, int status, const QString &failure, const QString &recordPath);
     QByteArray buildEnvelope(const Job &job) const;
 
+    static constexpr int kPollMs = 50;
+    static constexpr int kRequestTimeoutMs = 30000;
+
+    // Set by init(), read-only afterwards.
     Options m_options;
     Endpoint m_endpoint;
 
     mutable std::mutex m_mutex;
-    std::condition_variable m_started;
     bool m_initialised = false;
     bool m_closed = false;
+    bool m_senderRunning = false;
     QList<Job> m_queue;
-    QThread *m_thread = nullptr;
-    QObject *m_context = nullptr;
-
-    // Owned by the sender thread.
-    QNetworkAccessManager *m_nam = nullptr;
-    QEventLoop *m_loop = nullptr;
-    QList<QNetworkReply *> m_inFlight;
-    bool m_draining = false;
+    std::thread m_thread;
 };
