@@ -108,6 +108,15 @@ private slots:
         QCOMPARE(messages(second.path()), QStringList{QStringLiteral("[T]: two")});
     }
 
+    void nonAsciiFolder()
+    {
+        QTemporaryDir dir;
+        const QString appDir = dir.path() + QStringLiteral("/Jürgen Ø 日本/Orvant/Twinfold/");
+        QVERIFY(TLogger::init(appDir));
+        logInfo(QStringLiteral("[T]: ok"));
+        QCOMPARE(messages(appDir), QStringList{QStringLiteral("[T]: ok")});
+    }
+
     void unusableFolder()
     {
         QTemporaryDir dir;
