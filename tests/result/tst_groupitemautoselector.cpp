@@ -28,7 +28,7 @@ private:
     QString abs(const QString &name) const { return m_dir.path() + u'/' + name; }
     QString rel(const QString &path) const { return path.mid(m_dir.path().size() + 1); }
 
-    // A member desc is "name|bytes|mtime|image": bytes "-" leaves the file absent (vanished),
+    // A member description is "name|bytes|mtime|image": bytes "-" leaves the file absent (vanished),
     // mtime is seconds after a fixed base, image is "WxH" for a real PNG or "junk" for a
     // file with an image name and no image inside. Empty fields are left to defaults.
     bool create(const QString &desc)
