@@ -41,9 +41,10 @@ measure() {
   "$@" >/dev/null 2>&1 || true   # warm the page cache
   local best="" mem=""
   for _ in $(seq "$runs"); do
-    local out
-    out=$( { /usr/bin/time -f '%e %M' "$@" >/dev/null 2>/dev/null; } 2>&1 | tail -n 1)
-    local t="${out% *}" m="${out#* }"
+    /usr/bin/time -o "$work/time.out" -f '%e %M' "$@" >/dev/null 2>&1 || true
+    local out t m
+    out=$(tail -n 1 "$work/time.out")
+    t="${out% *}" m="${out#* }"
     if [ -z "$best" ] || awk -v a="$t" -v b="$best" 'BEGIN{exit !(a<b)}'; then best="$t"; mem="$m"; fi
   done
   printf '%s\t%s\t%s\n' "$name" "$best" "$mem"
