@@ -1,6 +1,7 @@
 #include "cli/ResultPrinter.h"
 
 #include "app/AppInfo.h"
+#include "result/GroupItem.h"
 #include "scan/FileCategory.h"
 #include "scan/TFileData.h"
 
@@ -11,21 +12,11 @@
 #include <algorithm>
 
 namespace {
-// "<path>_simlar_<percent>" -> path and percent; anything else is a plain path.
 ResultPrinter::Member memberOf(const QString &entry)
 {
     ResultPrinter::Member m;
-    m.path = entry;
-    const QString marker = ScanConstants::similarSuffix() + QLatin1Char('_');
-    const qsizetype at = entry.lastIndexOf(marker);
-    if (at > 0) {
-        bool ok = false;
-        const int percent = entry.mid(at + marker.size()).toInt(&ok);
-        if (ok) {
-            m.path = entry.left(at);
-            m.similarity = percent;
-        }
-    }
+    m.path = GroupItem::realPath(entry);
+    m.similarity = GroupItem::similarityOf(entry);
     return m;
 }
 
