@@ -70,13 +70,16 @@ InterruptWatcher::InterruptWatcher(QObject *parent) : QObject(parent)
 
 InterruptWatcher::~InterruptWatcher()
 {
-    signal(SIGINT, SIG_DFL);
-    signal(SIGTERM, SIG_DFL);
+    // The handlers stay installed: an interrupt in the last moments of shutdown then
+    // writes to a closed pipe and is dropped, instead of killing a process that has
+    // already printed its complete result.
     delete notifier;
-    if (g_pipe[0] >= 0) {
-        ::close(g_pipe[0]);
-        ::close(g_pipe[1]);
-        g_pipe[0] = g_pipe[1] = -1;
+    const int readEnd = g_pipe[0];
+    const int writeEnd = g_pipe[1];
+    g_pipe[0] = g_pipe[1] = -1;
+    if (readEnd >= 0) {
+        ::close(readEnd);
+        ::close(writeEnd);
     }
 }
 #endif
