@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QFile>
 #include <QHashFunctions>
 #include <QString>
 #include <QtGlobal>
@@ -15,6 +16,11 @@ public:
 
     // Identity of what the path leads to, links followed; invalid when it cannot be read.
     static FileIdentity of(const QString &path);
+    // Opens `path` for unbuffered reading when it is a regular file (never waiting on a
+    // pipe or device) and returns the identity of what was opened; invalid, with `file`
+    // closed, otherwise. One open and one status call, where a check by path followed
+    // by an open would walk the path twice and could be raced.
+    static FileIdentity openRegular(const QString &path, QFile &file);
     // True for entries the user normally does not see: on Linux a name starting with a
     // dot, on Windows the hidden or system attribute. False when the path cannot be read.
     static bool isHiddenOrSystem(const QString &path);

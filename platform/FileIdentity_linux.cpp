@@ -2,13 +2,32 @@
 
 #include <QFile>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 FileIdentity FileIdentity::of(const QString &path)
 {
     struct stat st;
     if (path.isEmpty() || ::stat(QFile::encodeName(path).constData(), &st) != 0)
         return FileIdentity();
+    return FileIdentity(static_cast<quint64>(st.st_dev), static_cast<quint64>(st.st_ino));
+}
+
+FileIdentity FileIdentity::openRegular(const QString &path, QFile &file)
+{
+    if (path.isEmpty())
+        return FileIdentity();
+    // Non-blocking so that a fifo without a writer cannot hold the open.
+    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0)
+        return FileIdentity();
+    struct stat st;
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) ||
+        !file.open(fd, QIODevice::ReadOnly | QIODevice::Unbuffered, QFileDevice::AutoCloseHandle)) {
+        ::close(fd);
+        return FileIdentity();
+    }
     return FileIdentity(static_cast<quint64>(st.st_dev), static_cast<quint64>(st.st_ino));
 }
 

@@ -2,6 +2,7 @@
 
 #include <QDir>
 
+#include <io.h>
 #include <windows.h>
 
 FileIdentity FileIdentity::of(const QString &path)
@@ -20,6 +21,23 @@ FileIdentity FileIdentity::of(const QString &path)
     CloseHandle(h);
     if (!ok)
         return FileIdentity();
+    const quint64 index = (static_cast<quint64>(info.nFileIndexHigh) << 32) | info.nFileIndexLow;
+    return FileIdentity(static_cast<quint64>(info.dwVolumeSerialNumber), index);
+}
+
+FileIdentity FileIdentity::openRegular(const QString &path, QFile &file)
+{
+    file.setFileName(path);
+    if (path.isEmpty() || !file.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
+        return FileIdentity();
+    const HANDLE h = reinterpret_cast<HANDLE>(_get_osfhandle(file.handle()));
+    BY_HANDLE_FILE_INFORMATION info;
+    // Only disk files: a pipe or device name opens too but is not a file to compare.
+    if (h == INVALID_HANDLE_VALUE || GetFileType(h) != FILE_TYPE_DISK ||
+        !GetFileInformationByHandle(h, &info) || (info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+        file.close();
+        return FileIdentity();
+    }
     const quint64 index = (static_cast<quint64>(info.nFileIndexHigh) << 32) | info.nFileIndexLow;
     return FileIdentity(static_cast<quint64>(info.dwVolumeSerialNumber), index);
 }

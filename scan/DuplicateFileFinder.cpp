@@ -1,6 +1,7 @@
 #include "scan/DuplicateFileFinder.h"
 
 #include "app/TLogger.h"
+#include "platform/FileIdentity.h"
 #include "result/GroupItemAutoSelector.h"
 #include "scan/FileCategory.h"
 #include "scan/PoolMap.h"
@@ -30,6 +31,7 @@ constexpr qint64 kBlockSize = 4096;
 constexpr qint64 kSampledWholeLimit = 3 * kBlockSize;
 constexpr qint64 kMapLimit = 4294967296LL;
 constexpr qint64 kStreamPiece = 65536;
+constexpr qint64 kReadLimit = 1048576;
 constexpr qint64 kProgressIntervalMs = 101;
 
 struct StateDeleter
@@ -64,7 +66,7 @@ void logMapFailed(const QString &path)
     logInfo(QStringLiteral("[TDuplicateFinleFinder]: file.map failed.: [%1].").arg(path));
 }
 
-QByteArray sampledKey(QFile &file, qint64 n, int driveType)
+QByteArray sampledKey(QFile &file, qint64 n)
 {
     if (n <= kSampledWholeLimit) {
         const QByteArray data = file.read(n);
@@ -78,37 +80,29 @@ QByteArray sampledKey(QFile &file, qint64 n, int driveType)
         return {};
     const std::array<qint64, 3> offsets = {0, std::clamp(n / 2 - kBlockSize / 2, qint64(0), n - kBlockSize),
                                            n - kBlockSize};
-
-    if (driveType != OtherBus) {
-        if (uchar *mapped = file.map(0, n)) {
-            for (qint64 offset : offsets)
-                XXH3_64bits_update(state.get(), mapped + offset, size_t(kBlockSize));
-            file.unmap(mapped);
-            return hexKey(XXH3_64bits_digest(state.get()));
-        }
-        logMapFailed(file.fileName());
-    }
-
-    QByteArray buffer(kBlockSize, Qt::Uninitialized);
+    // Three positioned reads: mapping the whole file to touch three pages costs far more
+    // (the unmap flushes every core's address cache) and gives the same bytes.
+    std::array<char, kBlockSize> buffer;
     for (qint64 offset : offsets) {
         if (!file.seek(offset))
-            continue;
-        const qint64 got = file.read(buffer.data(), kBlockSize);
-        if (got > 0)
-            XXH3_64bits_update(state.get(), buffer.constData(), size_t(got));
+            return {};
+        if (file.read(buffer.data(), kBlockSize) != kBlockSize)
+            return {};
+        XXH3_64bits_update(state.get(), buffer.data(), size_t(kBlockSize));
     }
     return hexKey(XXH3_64bits_digest(state.get()));
 }
 
-QByteArray wholeContentKey(QFile &file, qint64 size, int driveType)
+QByteArray wholeContentKey(QFile &file, const QString &path, qint64 size, int driveType)
 {
-    if (driveType != OtherBus && size <= kMapLimit) {
+    // Small files are read: for them a mapping's set-up and unmap cost more than the copy.
+    if (driveType != OtherBus && size > kReadLimit && size <= kMapLimit) {
         if (uchar *mapped = file.map(0, size)) {
             const XXH64_hash_t digest = XXH3_64bits(mapped, size_t(size));
             file.unmap(mapped);
             return hexKey(digest);
         }
-        logMapFailed(file.fileName());
+        logMapFailed(path);
     }
 
     if (!file.isOpen() || !file.isReadable() || !file.seek(0))
@@ -268,29 +262,41 @@ void DuplicateFileFinder::processBucket(const QList<FileMeta> &bucket, QMutex &w
     // Zero-byte files are all alike and never worth a group. Otherwise drop vanished
     // files and second listings of one file (the same path twice, or a link to it)
     // before anything is opened: a file must never be grouped with itself.
-    QList<FileMeta> files;
-    if (size > 0) {
-        QSet<QString> seen;
-        for (const FileMeta &meta : bucket) {
-            const QString identity = QFileInfo(meta.filePath).canonicalFilePath();
-            if (identity.isEmpty() || seen.contains(identity))
-                continue;
-            seen.insert(identity);
-            files.append(meta);
-        }
-    }
-
     QHash<QByteArray, QStringList> byKey;
-    if (files.size() >= 2) {
-        for (const FileMeta &meta : std::as_const(files)) {
+    if (size > 0) {
+        QSet<FileIdentity> seen;
+        qsizetype distinct = 0;
+        QString lone;
+        for (const FileMeta &meta : bucket) {
             if (stopRequested)
                 return;
-            const QByteArray key = calculateFileHash(scanMethod, meta.filePath, meta.size, meta.driveType);
+            QByteArray key;
+            if (scanMethod == FileName) {
+                const FileIdentity identity = FileIdentity::of(meta.filePath);
+                if (!identity.isValid() || seen.contains(identity))
+                    continue;
+                seen.insert(identity);
+                key = calculateFileHash(scanMethod, meta.filePath, meta.size, meta.driveType);
+            } else {
+                // One open serves the identity check and the digest.
+                QFile file;
+                const FileIdentity identity = FileIdentity::openRegular(meta.filePath, file);
+                if (!identity.isValid() || seen.contains(identity))
+                    continue;
+                seen.insert(identity);
+                key = hashOpenFile(scanMethod, file, meta.filePath, meta.size, meta.driveType);
+            }
+            ++distinct;
+            lone = meta.filePath;
             if (!key.isEmpty())
                 byKey[key].append(meta.filePath);
         }
-    } else if (files.size() == 1) {
-        byKey.insert(QByteArray(), {files.constFirst().filePath});
+        // A bucket that shrank to one file (the rest vanished or were links to it) is
+        // no group, but its file may still be a unique image.
+        if (distinct == 1) {
+            byKey.clear();
+            byKey.insert(QByteArray(), {lone});
+        }
     }
 
     for (auto it = byKey.cbegin(); it != byKey.cend(); ++it) {
@@ -358,35 +364,47 @@ QByteArray DuplicateFileFinder::calculateFileHash(int method, const QString &pat
                                                   int driveType)
 {
     try {
-        // Only regular files: opening a pipe or device could block or never end.
-        const QFileInfo info(path);
-        if (!info.isFile())
-            return {};
         if (method == FileName) {
+            // Only regular files: opening a pipe or device could block or never end.
+            const QFileInfo info(path);
+            if (!info.isFile())
+                return {};
             if (info.size() < 1 || (knownSize >= 0 && info.size() != knownSize))
                 return {};
             return nameKey(info);
         }
 
-        QFile file(path);
-        if (!file.open(QIODevice::ReadOnly))
+        QFile file;
+        if (!FileIdentity::openRegular(path, file).isValid())
             return {};
+        return hashOpenFile(method, file, path, knownSize, driveType);
+    } catch (const std::exception &e) {
+        logInfo(QStringLiteral("[TDuplicateFinleFinder]: Exception in calculateFileHash: [%1].")
+                    .arg(QString::fromLocal8Bit(e.what())));
+    } catch (...) {
+        logInfo(QStringLiteral("[TDuplicateFinleFinder]: Unknown exception in calculateFileHash."));
+    }
+    return {};
+}
+
+QByteArray DuplicateFileFinder::hashOpenFile(int method, QFile &file, const QString &path, qint64 knownSize,
+                                             int driveType)
+{
+    try {
         const qint64 current = file.size();
         if (current < 1)
             return {};
         if (method == WholeContent) {
             if (knownSize >= 0 && current != knownSize)
                 return {};
-            return wholeContentKey(file, current, driveType);
+            return wholeContentKey(file, path, current, driveType);
         }
         // A file that shrank no longer holds what the walk saw; one that grew is sampled
         // over the length the walk saw, so it still meets its former equals.
         if (knownSize >= 0 && current < knownSize)
             return {};
         const qint64 n = knownSize >= 0 ? std::min(current, knownSize) : current;
-        if (n < 1)
-            return {};
-        return sampledKey(file, n, driveType);
+        return sampledKey(file, n);
     } catch (const std::exception &e) {
         logInfo(QStringLiteral("[TDuplicateFinleFinder]: Exception in calculateFileHash: [%1].")
                     .arg(QString::fromLocal8Bit(e.what())));

@@ -5,6 +5,7 @@
 
 #include <QByteArray>
 #include <QElapsedTimer>
+#include <QFile>
 #include <QHash>
 #include <QJsonObject>
 #include <QMap>
@@ -51,6 +52,9 @@ public:
     // Content key of one file, empty when the file cannot be read or no longer has the
     // size the walk saw. knownSize < 0 means the walk's size is unknown.
     static QByteArray calculateFileHash(int method, const QString &path, qint64 knownSize, int driveType);
+    // The content or sampled digest of a file the caller has opened.
+    static QByteArray hashOpenFile(int method, QFile &file, const QString &path, qint64 knownSize,
+                                   int driveType);
 
 signals:
     void progressUpdated(int progressType, double percent);
