@@ -1,6 +1,7 @@
 #include "app/TControlUI.h"
 
 #include "app/TLogger.h"
+#include "scan/TFileData.h"
 #include "settings/TWGenernalPreferences.h"
 #include "settings/TWIgnoreListPreferences.h"
 #include "settings/TWPreferences.h"
@@ -37,6 +38,10 @@ TControlUI::TControlUI(QObject *parent) : QObject(parent)
     connect(&finder, &DuplicateFileFinder::scanFinished, this, &TControlUI::duplicateComplated);
     connect(&finder, &DuplicateFileFinder::onFindItem, this, &TControlUI::duplicateFindItem);
 
+    connect(&similar, &ImageCompareThread::progressChanged, this, &TControlUI::similarProcess);
+    connect(&similar, qOverload<int, qint64>(&ImageCompareThread::finished), this,
+            &TControlUI::similarComplaged);
+
     connect(&projectThread, &TOpenSaveThread::openProjectComplated, this, &TControlUI::openProjectComplated);
     connect(&projectThread, &TOpenSaveThread::saveComplated, this, &TControlUI::saveComplated);
     connect(&projectThread, &TOpenSaveThread::openProjectProcess, this, &TControlUI::openProjectProcess);
@@ -47,8 +52,10 @@ TControlUI::~TControlUI()
     // Workers still running must not outlive the members they report to.
     scanner.stop();
     finder.stop();
+    similar.stop();
     scanner.wait();
     finder.wait();
+    similar.wait();
     projectThread.wait();
 }
 
@@ -93,6 +100,10 @@ void TControlUI::startScan(const QStringList &scanRoots)
 
     scanner.setConfig(common);
     finder.setConfig(duplicateConfig);
+    // The similar matcher selects by the same folder priorities as the duplicate one.
+    QJsonObject similarSettings = similarConfig;
+    similarSettings.insert(QStringLiteral("mapPriority"), duplicateConfig.value(u"mapPriority"));
+    similar.setConfig(similarSettings);
 
     logInfo(QStringLiteral("[TControlUI]: Start Scan: [%1]...").arg(roots.join(QLatin1Char(';'))));
     scanner.setRoots(roots);
@@ -115,6 +126,9 @@ void TControlUI::stopScan()
         scanner.wait();
         break;
     case SimilarFile:
+        similar.stop();
+        similar.wait();
+        break;
     case DuplicateFolder:
         break;
     }
@@ -142,7 +156,7 @@ void TControlUI::processFile(qint64 size, const QString &path, int driveType)
 
 void TControlUI::processFiles(const QList<FileMeta> &files)
 {
-    allFiles.reserve(allFiles.size() + files.size());
+    // No reserve here: an exact reserve per batch reallocates the whole list every time.
     for (const FileMeta &file : files) {
         sizeGroups[file.size].append(file);
         allFiles.append(file.filePath);
@@ -172,9 +186,9 @@ void TControlUI::duplicateProcess(int type, double percent)
     recordProgress(type, percent);
 }
 
-void TControlUI::similarProcess(int type, double percent)
+void TControlUI::similarProcess(int type, int percent)
 {
-    recordProgress(type, percent);
+    recordProgress(type, double(percent));
 }
 
 void TControlUI::recordProgress(int type, double percent)
@@ -233,9 +247,7 @@ QMap<int, TControlUI::PhaseWeight> TControlUI::progressWeights(qsizetype fileCou
 
 bool TControlUI::similarEnabled() const
 {
-    // The similar-image phase is not wired into the scan yet: a scan ends after the
-    // duplicate matcher.
-    return false;
+    return similarConfig.value(u"hasSimilar").toBool(false);
 }
 
 void TControlUI::duplicateFindItem(int number, qint64 totalSize)
@@ -278,8 +290,23 @@ void TControlUI::duplicateComplated()
         allComplete();
         return;
     }
-    // Without the similar-image phase the scan ends with the duplicate matcher.
-    allComplete();
+    if (!similarEnabled()) {
+        allComplete();
+        return;
+    }
+    const QHash<QString, QStringList> imageGroups = TFileData::instance().imageDuplicateGroups();
+    QMap<QString, QStringList> orderedGroups;
+    for (auto it = imageGroups.cbegin(); it != imageGroups.cend(); ++it)
+        orderedGroups.insert(it.key(), it.value());
+    const QStringList uniqueImages = finder.uniqueImages();
+    logInfo(QStringLiteral("[TControlUI]: Matching duplicate files ends, and the process of matching similar "
+                           "images begins. Duplicate Group: [%1]; Unique Image: [%2]. This task takes: [%3]")
+                .arg(orderedGroups.size())
+                .arg(uniqueImages.size())
+                .arg(seconds));
+    similar.setInput(uniqueImages, orderedGroups);
+    similar.start(QThread::InheritPriority);
+    currentStatus = SimilarFile;
 }
 
 void TControlUI::similarComplaged(int count, qint64 size)

@@ -4,6 +4,7 @@
 #include "scan/FileMeta.h"
 #include "scan/TFileScanner.h"
 #include "settings/TOpenSaveThread.h"
+#include "similar/ImageCompareThread.h"
 
 #include <QElapsedTimer>
 #include <QJsonObject>
@@ -91,7 +92,7 @@ private slots:
     void updateScanning(int scannedCount);
     void updateTimer();
     void duplicateProcess(int type, double percent);
-    void similarProcess(int type, double percent);
+    void similarProcess(int type, int percent);
     void duplicateFindItem(int number, qint64 totalSize);
     void scanComplated();
     void duplicateComplated();
@@ -109,6 +110,7 @@ private:
     TOpenSaveThread projectThread;
     TFileScanner scanner;
     DuplicateFileFinder finder;
+    ImageCompareThread similar;
 
     SizeGroups sizeGroups;
     QStringList allFiles;
