@@ -45,4 +45,12 @@ protected:
     bool memoryFull = false;
     qint32 memoryFullLogBudget = 5;
     qint32 diskFullLogBudget = 5;
+
+    // Tests turn this off to take the plain-read road of readFromDisk.
+    bool mapCacheFiles = true;
+
+private:
+    // Remaining lines about cache files that could not be opened or written.
+    qint32 writeFailureLogBudget = 5;
+    void removeLeftoverFiles();
 };
