@@ -53,9 +53,9 @@ measure() {
 results="$work/results.tsv"
 {
   measure "find -type f" find "$corpus" -type f
-  measure "twinfold content" "$cli" scan -q --preferences "$prefs" --method content "$corpus"
-  measure "twinfold sampled" "$cli" scan -q --preferences "$prefs" --method sampled "$corpus"
-  measure "twinfold empty" "$cli" scan -q --preferences "$prefs" --method sampled "$work/empty"
+  measure "twinfold content" "$cli" scan -q --no-similar --preferences "$prefs" --method content "$corpus"
+  measure "twinfold sampled" "$cli" scan -q --no-similar --preferences "$prefs" --method sampled "$corpus"
+  measure "twinfold empty" "$cli" scan -q --no-similar --preferences "$prefs" --method sampled "$work/empty"
   measure "jdupes -r" jdupes -r -q "$corpus"
   measure "rdfind" rdfind -dryrun true -outputname "$work/rdfind.txt" "$corpus"
   measure "fdupes -r" fdupes -r -q "$corpus"

@@ -9,6 +9,7 @@
 #include "settings/TWIgnoreListPreferences.h"
 #include "settings/TWPreferences.h"
 #include "settings/TWSelectionPreferences.h"
+#include "similar/ImageCacheManager.h"
 
 #include <QCommandLineParser>
 #include <QDir>
@@ -58,8 +59,9 @@ int ScanCommand::parse(const QStringList &arguments)
 {
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral(
-        "Finds identical files (and, with --folders, identical folders) below the given folders and prints "
-        "them in groups.\nText output: one path per line, a blank line after each group.\nExit status: 0 "
+        "Finds identical files (and, with --folders, identical folders, and with --similar, similar images) "
+        "below the given folders and prints them in groups.\nText output: one path per line, a blank line "
+        "after each group.\nExit status: 0 "
         "success, 1 failure or interrupted, 2 wrong usage."));
     parser.addPositionalArgument(QStringLiteral("FOLDER"), QStringLiteral("Folders to scan."),
                                  QStringLiteral("FOLDER..."));
@@ -80,6 +82,27 @@ int ScanCommand::parse(const QStringList &arguments)
          QStringLiteral(
              "Re-select every group by a rule: newest, oldest, filename, priority, high-resolution, "
              "low-resolution, high-quality, low-quality, all or none."),
+         QStringLiteral("RULE")},
+        {QStringLiteral("similar"),
+         QStringLiteral("Also group similar images (default from the preferences).")},
+        {QStringLiteral("no-similar"), QStringLiteral("Do not group similar images.")},
+        {QStringLiteral("algorithm"),
+         QStringLiteral(
+             "Image measure: smart (hash above 10000 images, else histogram), histogram or phash."),
+         QStringLiteral("smart|histogram|phash")},
+        {QStringLiteral("similarity"), QStringLiteral("Similarity threshold, 1-100 percent."),
+         QStringLiteral("PERCENT")},
+        {QStringLiteral("features"),
+         QStringLiteral("Feature-point threshold of the refinement, 0-100 percent."),
+         QStringLiteral("PERCENT")},
+        {QStringLiteral("no-features"), QStringLiteral("Skip the feature-point refinement.")},
+        {QStringLiteral("any-type"), QStringLiteral("Also pair images of different formats.")},
+        {QStringLiteral("aspect"),
+         QStringLiteral("Pair only images whose aspect ratios differ by at most N times."),
+         QStringLiteral("N")},
+        {QStringLiteral("any-aspect"), QStringLiteral("Pair images whatever their aspect ratio.")},
+        {QStringLiteral("similar-select"),
+         QStringLiteral("Pre-select in similar groups by a rule (names as for --select)."),
          QStringLiteral("RULE")},
         {QStringLiteral("save"), QStringLiteral("Write the result to a project file."),
          QStringLiteral("FILE")},
@@ -180,6 +203,75 @@ int ScanCommand::applyOptions(QCommandLineParser &parser)
                 QStringLiteral("unknown selection rule '%1'").arg(parser.value(QStringLiteral("select"))));
     }
     savePath = parser.value(QStringLiteral("save"));
+    return applySimilarOptions(parser);
+}
+
+int ScanCommand::applySimilarOptions(QCommandLineParser &parser)
+{
+    TWGenernalPreferences *general = preferences->general;
+    const auto both = [&parser](const char *a, const char *b) {
+        return parser.isSet(QLatin1String(a)) && parser.isSet(QLatin1String(b));
+    };
+    if (both("similar", "no-similar"))
+        return CliText::usageError(QStringLiteral("--similar and --no-similar cannot be combined"));
+    if (both("features", "no-features"))
+        return CliText::usageError(QStringLiteral("--features and --no-features cannot be combined"));
+    if (both("aspect", "any-aspect"))
+        return CliText::usageError(QStringLiteral("--aspect and --any-aspect cannot be combined"));
+    if (parser.isSet(QStringLiteral("similar")))
+        general->hasSimilar = true;
+    if (parser.isSet(QStringLiteral("no-similar")))
+        general->hasSimilar = false;
+    if (parser.isSet(QStringLiteral("algorithm"))) {
+        static const QStringList names = {QStringLiteral("smart"), QStringLiteral("histogram"),
+                                          QStringLiteral("phash")};
+        const qsizetype algorithm = names.indexOf(parser.value(QStringLiteral("algorithm")));
+        if (algorithm < 0)
+            return CliText::usageError(
+                QStringLiteral("unknown algorithm '%1'").arg(parser.value(QStringLiteral("algorithm"))));
+        general->algorithmHint = TWSelectionPreferences::TWAlgorithmsHint(algorithm);
+    }
+    const auto percent = [&parser](const char *name, int lowest, int *value) {
+        bool ok = false;
+        *value = parser.value(QLatin1String(name)).toInt(&ok);
+        return ok && *value >= lowest && *value <= 100;
+    };
+    int value = 0;
+    if (parser.isSet(QStringLiteral("similarity"))) {
+        if (!percent("similarity", 1, &value))
+            return CliText::usageError(QStringLiteral("--similarity needs a whole number from 1 to 100"));
+        general->setSimilarityPercent(value);
+    }
+    if (parser.isSet(QStringLiteral("features"))) {
+        if (!percent("features", 0, &value))
+            return CliText::usageError(QStringLiteral("--features needs a whole number from 0 to 100"));
+        general->setFeaturesPercent(value);
+        general->isAddFeatures = true;
+    }
+    if (parser.isSet(QStringLiteral("no-features")))
+        general->isAddFeatures = false;
+    if (parser.isSet(QStringLiteral("any-type")))
+        general->isImageType = false;
+    if (parser.isSet(QStringLiteral("aspect"))) {
+        bool ok = false;
+        const int limit = parser.value(QStringLiteral("aspect")).toInt(&ok);
+        // The matcher reads factors above 10 as its default of 4, so they are refused here.
+        if (!ok || limit < 1 || limit > 10)
+            return CliText::usageError(QStringLiteral("--aspect needs a whole number from 1 to 10"));
+        general->isImageSize = true;
+        general->imageMinSize = limit;
+    }
+    if (parser.isSet(QStringLiteral("any-aspect")))
+        general->isImageSize = false;
+    if (parser.isSet(QStringLiteral("similar-select"))) {
+        const int rule = CliText::ruleOf(parser.value(QStringLiteral("similar-select")));
+        if (rule < 0)
+            return CliText::usageError(QStringLiteral("unknown selection rule '%1'")
+                                           .arg(parser.value(QStringLiteral("similar-select"))));
+        general->selectedSimilar = rule != Deselect;
+        if (rule != Deselect)
+            general->selectionHint = TWSelectionPreferences::TWSelectionHint(rule);
+    }
     return -1;
 }
 
@@ -238,6 +330,10 @@ void ScanCommand::onComplete()
             CliText::summary(groups, controller->scannedFileCount(), controller->elapsedSecondsCount());
         if (interrupted)
             CliText::err() << "twinfold-cli: scan interrupted; the groups above are incomplete" << Qt::endl;
+        else if (preferences->general->hasSimilar && ImageCacheManager::instance().isIncomplete())
+            CliText::err() << "twinfold-cli: this scan is incomplete: image matching ran out of memory and "
+                              "disk space for image features, so some similar images may be missing"
+                           << Qt::endl;
         emit finished(interrupted ? 1 : 0);
     };
     if (savePath.isEmpty()) {

@@ -32,6 +32,7 @@ private:
     void onProgress();
     void onComplete();
     int applyOptions(QCommandLineParser &parser);
+    int applySimilarOptions(QCommandLineParser &parser);
 
     QTemporaryDir scratch;
     TWPreferences *preferences = nullptr;

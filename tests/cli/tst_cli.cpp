@@ -2,6 +2,8 @@
 
 #include "CliTree.h"
 
+#include <QDir>
+#include <QImage>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -28,6 +30,7 @@ private slots:
     void filters();
     void jsonAndCsv();
     void duplicateFolders();
+    void similarImages();
     void preferencesFileSuppliesDefaults();
     void interruptPrintsPartialResult();
     void showPrintsTheSavedProject();
@@ -109,6 +112,22 @@ void TestCli::usageErrors_data()
     QTest::newRow("bad rule") << QStringList{u"scan"_s, u"--select"_s, u"best"_s, u"."_s} << u"best"_s;
     QTest::newRow("only with ignore")
         << QStringList{u"scan"_s, u"--only"_s, u"jpg"_s, u"--ignore-ext"_s, u"png"_s, u"."_s} << u"--only"_s;
+    QTest::newRow("similar twice") << QStringList{u"scan"_s, u"--similar"_s, u"--no-similar"_s, u"."_s}
+                                   << u"--no-similar"_s;
+    QTest::newRow("bad algorithm") << QStringList{u"scan"_s, u"--algorithm"_s, u"sift"_s, u"."_s}
+                                   << u"sift"_s;
+    QTest::newRow("similarity 0") << QStringList{u"scan"_s, u"--similarity"_s, u"0"_s, u"."_s}
+                                  << u"similarity"_s;
+    QTest::newRow("similarity 101") << QStringList{u"scan"_s, u"--similarity"_s, u"101"_s, u"."_s}
+                                    << u"similarity"_s;
+    QTest::newRow("features both") << QStringList{u"scan"_s, u"--features"_s, u"50"_s, u"--no-features"_s,
+                                                  u"."_s}
+                                   << u"--features"_s;
+    QTest::newRow("aspect 11") << QStringList{u"scan"_s, u"--aspect"_s, u"11"_s, u"."_s} << u"--aspect"_s;
+    QTest::newRow("aspect both") << QStringList{u"scan"_s, u"--aspect"_s, u"2"_s, u"--any-aspect"_s, u"."_s}
+                                 << u"--aspect"_s;
+    QTest::newRow("bad similar rule")
+        << QStringList{u"scan"_s, u"--similar-select"_s, u"prettiest"_s, u"."_s} << u"prettiest"_s;
     QTest::newRow("missing preferences")
         << QStringList{u"scan"_s, u"--preferences"_s, u"/no/prefs.cfg"_s, u"."_s} << u"/no/prefs.cfg"_s;
 }
@@ -226,6 +245,56 @@ void TestCli::jsonAndCsv()
     QCOMPARE(r.status, 0);
     QVERIFY2(r.out.contains(u"\""_s + QString(a).replace(u"\""_s, u"\"\""_s) + u"\""_s), qPrintable(r.out));
     QCOMPARE(r.out.count(u"\r\n"_s), 3); // header and two members
+}
+
+void TestCli::similarImages()
+{
+    // Two scenes, each saved at two sizes, plus an exact copy of one picture: the copy
+    // group is absorbed into its scene's similar group. A similarity of 5 % allows no
+    // differing hash bit at all.
+    const auto scene = [](int w, int h, bool blocks) {
+        QImage image(w, h, QImage::Format_RGB32);
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x) {
+                // A smooth gradient, or a fixed pattern of 8 x 8 blocks.
+                const int cell = (x * 8 / w) * 8 + y * 8 / h;
+                const int v = blocks ? (cell * 97 % 256) : x * 255 / w;
+                image.setPixel(x, y, qRgb(v, blocks ? 255 - v : y * 255 / h, 255 - v));
+            }
+        return image;
+    };
+    QDir().mkpath(data->filePath(u"p"_s));
+    const QString a = data->filePath(u"p/a.png"_s), aSmall = data->filePath(u"p/a_small.png"_s);
+    const QString b = data->filePath(u"p/b.png"_s), bSmall = data->filePath(u"p/b_small.png"_s);
+    const QString aCopy = data->filePath(u"p/a_copy.png"_s);
+    QVERIFY(scene(400, 300, false).save(a) && scene(200, 150, false).save(aSmall));
+    QVERIFY(scene(400, 300, true).save(b) && scene(200, 150, true).save(bSmall));
+    QVERIFY(QFile::copy(a, aCopy));
+
+    const QStringList common = {u"scan"_s,  u"--format"_s,     u"json"_s, u"--algorithm"_s,
+                                u"phash"_s, u"--similarity"_s, u"90"_s,   u"--no-features"_s};
+    Run r = run(common + QStringList{u"--similar"_s, data->path()});
+    QCOMPARE(r.status, 0);
+    const QJsonArray groups = QJsonDocument::fromJson(r.out.toUtf8()).object().value(u"groups"_s).toArray();
+    QList<QSet<QString>> similar;
+    for (const QJsonValue &g : groups) {
+        QVERIFY2(g.toObject().value(u"kind"_s).toString() == u"similar"_s, qPrintable(r.out));
+        QSet<QString> members;
+        for (const QJsonValue &m : g.toObject().value(u"members"_s).toArray()) {
+            members.insert(m.toObject().value(u"path"_s).toString());
+            const QJsonValue percent = m.toObject().value(u"similarity"_s);
+            QVERIFY(percent.isUndefined() || (percent.toInt() >= 1 && percent.toInt() <= 100));
+        }
+        similar.append(members);
+    }
+    std::sort(similar.begin(), similar.end(),
+              [](const auto &x, const auto &y) { return x.size() > y.size(); });
+    QVERIFY2(similar.size() == 2, qPrintable(r.out));
+    QCOMPARE(similar, (QList<QSet<QString>>{{a, aCopy, aSmall}, {b, bSmall}}));
+
+    r = run(common + QStringList{u"--no-similar"_s, data->path()});
+    QCOMPARE(r.status, 0);
+    QVERIFY2(!r.out.contains(u"\"similar\""_s) && r.out.contains(u"\"files\""_s), qPrintable(r.out));
 }
 
 void TestCli::duplicateFolders()
