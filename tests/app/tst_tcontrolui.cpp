@@ -5,6 +5,7 @@
 #include "scan/TFileData.h"
 #include "settings/TWPreferences.h"
 
+#include <QImage>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 
@@ -23,9 +24,13 @@ private slots:
     void stopWhileScanning();
     void stopWhileMatching();
     void timerStopsCountingOnStop();
+    void similarPhase_data();
+    void similarPhase();
+    void stopWhileMatchingImages();
 
 private:
     void writeTree(int pairs, int bytes);
+    void writeImages(int count, int side);
     QString logText() const;
     void configure(TControlUI &control);
 
@@ -69,6 +74,19 @@ void TestTControlUI::writeTree(int pairs, int bytes)
             QVERIFY(f.open(QIODevice::WriteOnly));
             f.write(data);
         }
+    }
+}
+
+void TestTControlUI::writeImages(int count, int side)
+{
+    QDir().mkpath(tree->filePath(u"img"_s));
+    for (int i = 0; i < count; ++i) {
+        QImage image(side, side * 3 / 4, QImage::Format_RGB32);
+        image.fill(QColor::fromHsv((i * 37) % 360, 200, 120 + i % 100));
+        // Every second picture is a half-size copy of the one before it.
+        if (i % 2 == 1)
+            image = QImage(tree->filePath(u"img/%1.png"_s.arg(i - 1))).scaledToWidth(side / 2);
+        QVERIFY(image.save(tree->filePath(u"img/%1.png"_s.arg(i))));
     }
 }
 
@@ -203,6 +221,65 @@ void TestTControlUI::timerStopsCountingOnStop()
     QTest::qWait(1300);
     QCOMPARE(control.elapsedSecondsCount(), seconds);
     QVERIFY(ticks.isEmpty());
+}
+
+void TestTControlUI::similarPhase_data()
+{
+    QTest::addColumn<bool>("similar");
+    QTest::addColumn<bool>("features");
+    QTest::newRow("off") << false << false;
+    QTest::newRow("on") << true << false;
+    QTest::newRow("on with features") << true << true;
+}
+
+void TestTControlUI::similarPhase()
+{
+    QFETCH(bool, similar);
+    QFETCH(bool, features);
+    writeImages(6, 64);
+    TControlUI control;
+    configure(control);
+    prefs->general->hasSimilar = similar;
+    prefs->general->isAddFeatures = features;
+    QSignalSpy done(&control, &TControlUI::onAllComplate);
+    QSignalSpy progress(&control, &TControlUI::processChange);
+    control.startScan({tree->path()});
+    QVERIFY(done.wait(60000));
+    QCOMPARE(done.size(), 1);
+    QCOMPARE(control.status(), similar ? TControlUI::SimilarFile : TControlUI::DuplicateFile);
+    QCOMPARE(control.phaseWeights().value(2).enabled, similar);
+    QCOMPARE(control.phaseWeights().value(4).enabled, similar && features);
+    QVERIFY(!progress.isEmpty());
+    QCOMPARE(progress.constLast().at(0).toDouble(), 100.0);
+    const QString log = logText();
+    QCOMPARE(log.contains(u"Duplicate Group: [0]; Unique Image: [6]."_s), similar);
+    // Each single-colour picture and its half-size copy form a group.
+    int similarGroups = 0;
+    for (const QStringList &members : std::as_const(TFileData::instance().duplicateGroups))
+        similarGroups += members.constFirst().contains(u"_simlar_"_s) ? 1 : 0;
+    QCOMPARE(similarGroups > 0, similar);
+}
+
+void TestTControlUI::stopWhileMatchingImages()
+{
+    writeImages(120, 1200);
+    TControlUI control;
+    configure(control);
+    prefs->general->hasSimilar = true;
+    QSignalSpy done(&control, &TControlUI::onAllComplate);
+    control.startScan({tree->path()});
+    QElapsedTimer clock;
+    clock.start();
+    while (control.status() != TControlUI::SimilarFile && done.isEmpty() && clock.elapsed() < 30000) {
+        QCoreApplication::processEvents();
+        QThread::msleep(1);
+    }
+    QCOMPARE(control.status(), TControlUI::SimilarFile);
+    control.stopScan();
+    QVERIFY(done.size() == 1 || done.wait(30000));
+    QVERIFY(logText().contains(u"[TControlUI]: User clicks to stop the matching similar images process."_s));
+    QTest::qWait(50);
+    QCOMPARE(done.size(), 1);
 }
 
 TWINFOLD_TEST_MAIN(TestTControlUI)
