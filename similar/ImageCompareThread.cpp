@@ -52,6 +52,13 @@ constexpr double coefficientMargin = 2e-4;
 // Pairs a task gathers before handing them to the shared list.
 constexpr size_t localPairBatch = 4096;
 
+// Small inputs get small blocks so that the pool stays busy and a stop takes effect soon.
+qsizetype rowBlock(qsizetype rows, qsizetype largest)
+{
+    const qsizetype workers = std::max(1, QThreadPool::globalInstance()->maxThreadCount());
+    return std::clamp<qsizetype>(rows / (16 * workers), 1, largest);
+}
+
 qsizetype padded(qsizetype n)
 {
     return (n + lanes - 1) / lanes * lanes;
@@ -99,8 +106,9 @@ struct PairFilter
             const double aj = aspect[j];
             if (ai == 0.0 || aj == 0.0)
                 return false;
+            // Written so that a ratio without a value (no size known) never passes.
             const double r = ai / aj;
-            if (r < lowRatio || r > highRatio)
+            if (!(r >= lowRatio && r <= highRatio))
                 return false;
         }
         return true;
@@ -430,11 +438,14 @@ std::vector<ImageCompareThread::Pair> ImageCompareThread::matchPairs(QList<Image
 
     if (s <= 0.0) {
         // Every score reaches the threshold: all admitted pairs count, each with its measured score.
-        const qsizetype blocks = (n + hashRowBlock - 1) / hashRowBlock;
+        const qsizetype rows = rowBlock(n, hashRowBlock);
+        const qsizetype blocks = (n + rows - 1) / rows;
         mapOnPool(indexList(blocks), [&](qsizetype b) {
+            if (stopping())
+                return;
             std::vector<Pair> local;
-            const qsizetype i0 = b * hashRowBlock;
-            const qsizetype i1 = std::min(n, i0 + hashRowBlock);
+            const qsizetype i0 = b * rows;
+            const qsizetype i1 = std::min(n, i0 + rows);
             for (qsizetype i = i0; i < i1 && !stopping(); ++i) {
                 for (qsizetype j = i + 1; j < n; ++j) {
                     exactPair(i, j, local);
@@ -469,8 +480,11 @@ std::vector<ImageCompareThread::Pair> ImageCompareThread::matchPairs(QList<Image
             // Same rule as the measure: trunc(distance) <= trunc(bytes * similarity).
             const int limit = static_cast<int>(std::trunc(8.0 * s));
             const auto m = static_cast<qsizetype>(hashes.size());
-            const qsizetype blocks = (m + hashRowBlock - 1) / hashRowBlock;
+            const qsizetype rows = rowBlock(m, hashRowBlock);
+            const qsizetype blocks = (m + rows - 1) / rows;
             mapOnPool(indexList(blocks), [&](qsizetype b) {
+                if (stopping())
+                    return;
                 std::vector<Pair> local;
                 const auto onHit = [&](qsizetype i, qsizetype j) {
                     const qint32 gi = ids[static_cast<size_t>(i)];
@@ -478,8 +492,8 @@ std::vector<ImageCompareThread::Pair> ImageCompareThread::matchPairs(QList<Image
                     if (filter.admits(gi, gj))
                         local.push_back({gi, gj, 99});
                 };
-                const qsizetype i0 = b * hashRowBlock;
-                const qsizetype i1 = std::min(m, i0 + hashRowBlock);
+                const qsizetype i0 = b * rows;
+                const qsizetype i1 = std::min(m, i0 + rows);
                 for (qsizetype j0 = i0 + 1; j0 < m && !stopping(); j0 += hashColumnTile) {
                     const qsizetype j1 = std::min(m, j0 + hashColumnTile);
 #ifdef TWINFOLD_X86_DISPATCH
@@ -563,8 +577,11 @@ std::vector<ImageCompareThread::Pair> ImageCompareThread::matchPairs(QList<Image
             const auto lowCoefficient = static_cast<float>(coefficient - coefficientMargin);
             for (const HistogramClass &c : classes) {
                 const auto m = static_cast<qsizetype>(c.ids.size());
-                const qsizetype blocks = (m + histogramRowBlock - 1) / histogramRowBlock;
+                const qsizetype rows = rowBlock(m, histogramRowBlock);
+                const qsizetype blocks = (m + rows - 1) / rows;
                 mapOnPool(indexList(blocks), [&](qsizetype b) {
+                    if (stopping())
+                        return;
                     std::vector<Pair> local;
                     const auto onCandidate = [&](qsizetype gi, qsizetype gj) {
                         const double score = compareFeatures(features[static_cast<size_t>(gi)],
@@ -573,8 +590,8 @@ std::vector<ImageCompareThread::Pair> ImageCompareThread::matchPairs(QList<Image
                             local.push_back(
                                 {static_cast<qint32>(gi), static_cast<qint32>(gj), shownPercent(score)});
                     };
-                    const qsizetype i0 = b * histogramRowBlock;
-                    const qsizetype i1 = std::min(m, i0 + histogramRowBlock);
+                    const qsizetype i0 = b * rows;
+                    const qsizetype i1 = std::min(m, i0 + rows);
                     for (qsizetype j0 = i0 + 1; j0 < m && !stopping(); j0 += histogramColumnTile) {
                         const qsizetype j1 = std::min(m, j0 + histogramColumnTile);
 #ifdef TWINFOLD_X86_DISPATCH
