@@ -17,6 +17,7 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <optional>
 
 namespace {
 struct Lexicon
@@ -130,34 +131,44 @@ qint64 rankKey(const QString &entry, int rule)
     }
 }
 
+bool onDisk(const QString &entry)
+{
+    const QString path = GroupItem::realPath(entry);
+    return !path.isEmpty() && QFileInfo::exists(path);
+}
+
+// Every member except the listings of the kept file. A path listed twice is still one
+// file: selecting its second listing would remove the copy that was meant to stay.
 QStringList allExcept(const QStringList &paths, const QString &kept)
 {
+    const QString keptPath = GroupItem::realPath(kept);
     QStringList selected;
     selected.reserve(paths.size());
-    bool skipped = false;
     for (const QString &path : paths) {
-        // Only the first occurrence of the kept entry stays.
-        if (!skipped && path == kept) {
-            skipped = true;
-            continue;
-        }
-        selected.append(path);
+        if (GroupItem::realPath(path) != keptPath)
+            selected.append(path);
     }
     return selected;
 }
 
+// Only members still on disk can be the one that stays: a vanished member ranks as
+// oldest or smallest and would otherwise leave every real copy selected.
 QStringList selectRanked(const QStringList &paths, int rule)
 {
     QMap<qint64, QList<qsizetype>> byKey;
-    for (qsizetype i = 0; i < paths.size(); ++i)
-        byKey[rankKey(paths.at(i), rule)].append(i);
+    for (qsizetype i = 0; i < paths.size(); ++i) {
+        if (onDisk(paths.at(i)))
+            byKey[rankKey(paths.at(i), rule)].append(i);
+    }
+    if (byKey.isEmpty())
+        return {};
 
-    QString kept;
+    qsizetype kept = 0;
     if (byKey.size() == 1)
-        kept = keepsLastOnTie(rule) ? paths.constLast() : paths.constFirst();
+        kept = keepsLastOnTie(rule) ? byKey.first().constLast() : byKey.first().constFirst();
     else
-        kept = paths.at((keepsLargest(rule) ? byKey.last() : byKey.first()).constFirst());
-    return allExcept(paths, kept);
+        kept = (keepsLargest(rule) ? byKey.last() : byKey.first()).constFirst();
+    return allExcept(paths, paths.at(kept));
 }
 } // namespace
 
@@ -196,6 +207,8 @@ QStringList GroupItemAutoSelector::selectByPriority(const QStringList &paths,
 
     QList<qint32> ranks;
     ranks.reserve(paths.size());
+    QList<bool> present;
+    present.reserve(paths.size());
     bool anyProtected = false;
     for (const QString &entry : paths) {
         const QString path = GroupItem::realPath(entry);
@@ -206,8 +219,11 @@ QStringList GroupItemAutoSelector::selectByPriority(const QStringList &paths,
                 break;
             }
         }
-        anyProtected = anyProtected || rank < 0;
+        const bool exists = onDisk(entry);
+        // A protected copy that has vanished protects nothing.
+        anyProtected = anyProtected || (rank < 0 && exists);
         ranks.append(rank);
+        present.append(exists);
     }
 
     QStringList eligible;
@@ -221,10 +237,17 @@ QStringList GroupItemAutoSelector::selectByPriority(const QStringList &paths,
     if (anyProtected)
         return eligible;
 
-    const qint32 lowest = *std::min_element(ranks.cbegin(), ranks.cend());
+    // The keepers are the members of the lowest number still on disk.
+    std::optional<qint32> lowest;
+    for (qsizetype i = 0; i < paths.size(); ++i) {
+        if (present.at(i) && (!lowest || ranks.at(i) < *lowest))
+            lowest = ranks.at(i);
+    }
+    if (!lowest)
+        return {};
     QStringList selected;
     for (qsizetype i = 0; i < paths.size(); ++i) {
-        if (ranks.at(i) != lowest)
+        if (ranks.at(i) != *lowest)
             selected.append(paths.at(i));
     }
     if (selected.isEmpty())

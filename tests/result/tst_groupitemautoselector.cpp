@@ -161,8 +161,9 @@ private slots:
         row("oldest: first of the newest kept", {u"a.txt|4|100"_s, u"b.txt|4|300"_s, u"c.txt|4|300"_s},
             SelectOldest, {u"a.txt"_s, u"c.txt"_s});
         row("oldest: one second apart", {u"a.txt|4|100"_s, u"b.txt|4|101"_s}, SelectOldest, {u"a.txt"_s});
-        row("newest: vanished file counts as oldest", {u"a.txt|4|100"_s, u"gone.txt|-"_s, u"c.txt|4|200"_s},
-            SelectNewest, {u"a.txt"_s, u"c.txt"_s});
+        // A vanished member is never the one that stays.
+        row("newest: vanished file is never kept", {u"a.txt|4|100"_s, u"gone.txt|-"_s, u"c.txt|4|200"_s},
+            SelectNewest, {u"gone.txt"_s, u"c.txt"_s});
         row("oldest: vanished file is selected", {u"gone.txt|-"_s, u"a.txt|4|100"_s}, SelectOldest,
             {u"gone.txt"_s});
 
@@ -172,8 +173,10 @@ private slots:
             {u"photo (1).jpg"_s});
         row("filename: tie keeps first", {u"b.jpg|4"_s, u"a.jpg|4"_s, u"c.jpg|4"_s}, SelectByFilename,
             {u"a.jpg"_s, u"c.jpg"_s});
-        row("filename: vanished still scored", {u"copy.txt|4"_s, u"gone.txt|-"_s}, SelectByFilename,
-            {u"copy.txt"_s});
+        row("filename: vanished is never kept", {u"copy.txt|4"_s, u"gone.txt|-"_s}, SelectByFilename,
+            {u"gone.txt"_s});
+        row("filename: nothing on disk, nothing selected", {u"gone.txt|-"_s, u"lost.txt|-"_s},
+            SelectByFilename, {});
 
         const QStringList dims = {u"a.png|||40x30"_s, u"b.png|||20x10"_s, u"c.png|||30x30"_s};
         const QStringList sameDims = {u"a.png|||8x8"_s, u"b.png|||16x4"_s, u"c.png|||4x16"_s};
@@ -186,8 +189,8 @@ private slots:
         // An unreadable header counts -1 x -1, the same product as a 1x1 image.
         row("low resolution: unreadable ties with one pixel", {u"bad.png|9||junk"_s, u"one.png|||1x1"_s},
             SelectLowResolution, {u"one.png"_s});
-        row("low resolution: vanished ties with one pixel", {u"gone.png|-"_s, u"one.png|||1x1"_s},
-            SelectLowResolution, {u"one.png"_s});
+        row("low resolution: vanished is never kept", {u"gone.png|-"_s, u"one.png|||1x1"_s},
+            SelectLowResolution, {u"gone.png"_s});
         row("low resolution: unreadable below two pixels", {u"bad.png|9||junk"_s, u"two.png|||2x1"_s},
             SelectLowResolution, {u"bad.png"_s});
         row("high resolution: not an image is smallest", {u"big.png|||50x50"_s, u"doc.txt|100"_s},
@@ -203,16 +206,19 @@ private slots:
         row("low quality: largest file kept", sizes, SelectLowQuality, {u"a.bin"_s, u"b.bin"_s});
         row("low quality: tie keeps first", sameSize, SelectLowQuality, {u"b.bin"_s, u"c.bin"_s});
         row("low quality: one byte apart", {u"a.bin|7"_s, u"b.bin|8"_s}, SelectLowQuality, {u"a.bin"_s});
-        row("high quality: vanished counts as empty", {u"a.bin|2"_s, u"gone.bin|-"_s, u"c.bin|3"_s},
-            SelectHighQuality, {u"a.bin"_s, u"c.bin"_s});
+        row("high quality: vanished is never kept", {u"a.bin|2"_s, u"gone.bin|-"_s, u"c.bin|3"_s},
+            SelectHighQuality, {u"gone.bin"_s, u"c.bin"_s});
         row("high quality: vanished ties with an empty file", {u"gone.bin|-"_s, u"e.bin|0"_s},
             SelectHighQuality, {u"gone.bin"_s});
         row("low quality: similar entries read the real file",
             {u"a.bin|3>_simlar_60"_s, u"b.bin|9>_simlar_70"_s}, SelectLowQuality, {u"a.bin_simlar_60"_s});
 
-        row("duplicate path selected once", {u"a.txt|4|100"_s, u"a.txt|4|100"_s, u"b.txt|4|200"_s},
-            SelectNewest, {u"a.txt"_s, u"b.txt"_s});
-        row("duplicate path on a tie", {u"a.bin|7"_s, u"a.bin|7"_s}, SelectHighQuality, {u"a.bin"_s});
+        // A path listed twice is one file: no listing of the kept file is selected.
+        row("kept path listed twice", {u"a.txt|4|100"_s, u"a.txt|4|100"_s, u"b.txt|4|200"_s}, SelectNewest,
+            {u"b.txt"_s});
+        row("selected path listed twice", {u"a.txt|4|300"_s, u"a.txt|4|300"_s, u"b.txt|4|200"_s},
+            SelectNewest, {u"a.txt"_s, u"a.txt"_s});
+        row("only one file, listed twice", {u"a.bin|7"_s, u"a.bin|7"_s}, SelectHighQuality, {});
 
         row("all", {u"a.txt|1"_s, u"b.txt|2"_s, u"gone.txt|-"_s}, SelectAll,
             {u"a.txt"_s, u"b.txt"_s, u"gone.txt"_s});
@@ -293,6 +299,12 @@ private slots:
             << QStringList{u"/m/2"_s};
         QTest::newRow("case-sensitive prefix") << QStringList{u"/d/a/y.txt"_s, u"/D/A/x.txt"_s}
                                                << Priorities{{u"/d/a"_s, 3}} << QStringList{u"/d/a/y.txt"_s};
+        QTest::newRow("vanished protected copy protects nothing")
+            << QStringList{u"/p/1.jpg|gone"_s, u"/e/2.jpg"_s, u"/f/3.jpg"_s}
+            << Priorities{{u"/p"_s, -1}, {u"/f"_s, 2}} << QStringList{u"/p/1.jpg"_s, u"/f/3.jpg"_s};
+        QTest::newRow("vanished lowest is not the keeper")
+            << QStringList{u"/k/1|gone"_s, u"/m/2"_s, u"/n/3"_s}
+            << Priorities{{u"/k"_s, 1}, {u"/m"_s, 2}, {u"/n"_s, 3}} << QStringList{u"/k/1"_s, u"/n/3"_s};
         QTest::newRow("empty table: by name") << QStringList{u"/e/copy of x.txt"_s, u"/e/x.txt"_s}
                                               << Priorities{} << QStringList{u"/e/copy of x.txt"_s};
     }
@@ -301,7 +313,27 @@ private slots:
         QFETCH(QStringList, paths);
         QFETCH(Priorities, table);
         QFETCH(QStringList, selected);
-        QCOMPARE(GroupItemAutoSelector::selectByPriority(paths, table), selected);
+        // The rows name absolute paths; they are made below a folder of this case. A path
+        // ending in "|gone" is not created.
+        const QString root = m_dir.filePath(QStringLiteral("p%1").arg(++m_case));
+        QStringList real;
+        for (QString path : std::as_const(paths)) {
+            const bool gone = path.endsWith(u"|gone"_s);
+            path = root + path.chopped(gone ? 5 : 0);
+            if (!gone) {
+                QVERIFY(QDir().mkpath(QFileInfo(path).absolutePath()));
+                QFile file(path);
+                QVERIFY(file.open(QIODevice::WriteOnly));
+            }
+            real.append(path);
+        }
+        Priorities rooted;
+        for (auto it = table.cbegin(); it != table.cend(); ++it)
+            rooted.insert(root + it.key(), it.value());
+        QStringList expected;
+        for (const QString &path : std::as_const(selected))
+            expected.append(root + path);
+        QCOMPARE(GroupItemAutoSelector::selectByPriority(real, rooted), expected);
     }
 
     // Parallel application over many groups equals applying each group on its own, and a
