@@ -1,7 +1,5 @@
 #include "platform/AvailableMemory.h"
 
-#include <limits>
-
 #include <windows.h>
 
 qint64 AvailableMemory::physicalBytes()
@@ -10,7 +8,7 @@ qint64 AvailableMemory::physicalBytes()
     status.dwLength = sizeof(status);
     if (!GlobalMemoryStatusEx(&status))
         return 0;
-    if (status.ullAvailPhys > static_cast<DWORDLONG>(std::numeric_limits<qint64>::max()))
-        return 0;
-    return static_cast<qint64>(status.ullAvailPhys);
+    // windows.h defines min and max as macros, so no numeric_limits here.
+    constexpr DWORDLONG largest = DWORDLONG(Q_INT64_C(0x7fffffffffffffff));
+    return status.ullAvailPhys > largest ? 0 : static_cast<qint64>(status.ullAvailPhys);
 }
