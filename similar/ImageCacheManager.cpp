@@ -155,6 +155,7 @@ void ImageCacheManager::setMaxCache()
     {
         LockGuard locker(lock, LockGuard::Write);
         diskFull = false;
+        writeFailed = false;
         memoryFull = false;
         maxMemoryUsage = memoryBudget;
         maxDiskUsage = diskBudget;
@@ -229,6 +230,8 @@ bool ImageCacheManager::writeToDisk(const QString &key, const cv::Mat &feature)
         if (reserved)
             diskUsed -= need;
         reserved = false;
+        // The feature is lost all the same: the run has to be reported incomplete.
+        writeFailed = true;
         if (!failure.isEmpty() && writeFailureLogBudget > 0) {
             --writeFailureLogBudget;
             logInfo(failure);
@@ -378,7 +381,7 @@ void ImageCacheManager::clear()
 bool ImageCacheManager::isIncomplete() const
 {
     LockGuard locker(lock, LockGuard::Read);
-    return diskFull;
+    return diskFull || writeFailed;
 }
 
 QString ImageCacheManager::cacheFilePath(const QString &key) const

@@ -42,6 +42,8 @@ protected:
     QString cacheDir;
     mutable QReadWriteLock lock;
     bool diskFull = false;
+    // A cache file could not be written: like a full disk, the run lost a feature.
+    bool writeFailed = false;
     bool memoryFull = false;
     qint32 memoryFullLogBudget = 5;
     qint32 diskFullLogBudget = 5;

@@ -327,9 +327,12 @@ private slots:
         CacheUnderTest blocked(folder, 0, 1 << 20); // its constructor measures once
         QCOMPARE(logCount(u"[ImageCacheManager]: Invalid or unavailable storage path: "_s + folder + u'.'),
                  1);
+        QVERIFY(!blocked.isIncomplete());
         QVERIFY(!blocked.insert(u"k"_s, pattern(1, 8, CV_8UC1, 13)));
         QCOMPARE(blocked.counters().disk, 0); // the reservation was given back
+        QVERIFY(blocked.isIncomplete());      // a lost feature is reported like a full disk
         blocked.setMaxCache();
+        QVERIFY(!blocked.isIncomplete());
         QCOMPARE(blocked.counters().diskBudget, 912680550ll); // 85 % of 1 GiB
     }
 
