@@ -53,8 +53,8 @@ QString number(qint64 value)
     return QString::number(value);
 }
 
-// Decoders above the pixel limit are refused before Qt's own (smaller) allocation cap
-// could silently reject an image our limit lets through: 100 MP at 4 bytes a pixel.
+// Images up to the pixel limit must decode. Qt's default allocation cap (256 MiB) would
+// refuse 100 MP at 4 bytes a pixel, so the reader's cap is raised to fit it.
 constexpr int readerAllocationLimitMiB = 512;
 constexpr qint64 readerPixelLimit = 100000000;
 
