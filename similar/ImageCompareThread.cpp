@@ -277,6 +277,9 @@ void ImageCompareThread::setInput(const QStringList &files, const QMap<QString, 
 {
     imageFiles = files;
     duplicateGroups = groups;
+    // A new run starts here rather than in run(): a stop that arrives between start() and
+    // the thread's first instruction must not be lost.
+    cancelled.store(false, std::memory_order_relaxed);
 }
 
 void ImageCompareThread::stop()
@@ -297,7 +300,6 @@ void ImageCompareThread::run()
 {
     runTimer.start();
     groupList.clear();
-    cancelled.store(false, std::memory_order_relaxed);
     groupedCount = 0;
     groupedSize = 0;
 
