@@ -111,256 +111,249 @@ class TestTFileScanner : public QObject
 {
     Q_OBJECT
 private slots:
-    void filters_data();
-    void filters();
-    void linksReportEachFileOnce_data();
-    void linksReportEachFileOnce();
-    void progress_data();
-    void progress();
-    void stopEndsTheWalk();
-    void vanishingFolderMidWalk();
-    void badInputIsSkipped();
-};
 
-void TestTFileScanner::filters_data()
-{
-    // The filtered walk must keep exactly "kept"; the plain walk keeps every file whatever
-    // the settings. A name that is a number is also the file's size in bytes; "@" in
-    // the settings stands for the root.
-    QTest::addColumn<QByteArray>("config");
-    QTest::addColumn<QString>("files");
-    QTest::addColumn<QString>("kept");
+    void filters_data()
+    {
+        // The filtered walk must keep exactly "kept"; the plain walk keeps every file whatever
+        // the settings. A name that is a number is also the file's size in bytes; "@" in
+        // the settings stands for the root.
+        QTest::addColumn<QByteArray>("config");
+        QTest::addColumn<QString>("files");
+        QTest::addColumn<QString>("kept");
 
-    const auto row = [](const char *name, const char *config, const QString &files, const QString &kept) {
-        QTest::newRow(name) << QByteArray(config) << files << kept;
-    };
-    const QString sizes = u"0,1,1023,1024,1048576,1048577"_s;
-    row("sizes: bounds inclusive", R"({"MinFileSize":1,"MaxFileSize":1})", sizes, u"1024,1048576"_s);
-    row("sizes: fraction of a KiB", R"({"MinFileSize":0.9,"MaxFileSize":1})", sizes,
-        u"0,1,1023,1024,1048576"_s);
-    row("sizes: max 0", R"({"MaxFileSize":0})", sizes, u"0"_s);
-    row("sizes: max below min", R"({"MinFileSize":2048,"MaxFileSize":1})", sizes, QString());
+        const auto row = [](const char *name, const char *config, const QString &files, const QString &kept) {
+            QTest::newRow(name) << QByteArray(config) << files << kept;
+        };
+        const QString sizes = u"0,1,1023,1024,1048576,1048577"_s;
+        row("sizes: bounds inclusive", R"({"MinFileSize":1,"MaxFileSize":1})", sizes, u"1024,1048576"_s);
+        row("sizes: fraction of a KiB", R"({"MinFileSize":0.9,"MaxFileSize":1})", sizes,
+            u"0,1,1023,1024,1048576"_s);
+        row("sizes: max 0", R"({"MaxFileSize":0})", sizes, u"0"_s);
+        row("sizes: max below min", R"({"MinFileSize":2048,"MaxFileSize":1})", sizes, QString());
 
-    const QString types = u"a.jpg,photo.JPG,b.png,noext,c.TXT,d.tar.gz"_s;
-    row("types: only jpg takes JPG", R"({"OnlyFileType":["jpg"]})", types, u"a.jpg,photo.JPG"_s);
-    row("types: only JPG keeps nothing", R"({"OnlyFileType":["JPG"]})", types, QString());
-    row("types: last suffix", R"({"OnlyFileType":["gz","png"]})", types, u"b.png,d.tar.gz"_s);
-    row("types: empty entry", R"({"OnlyFileType":[""]})", types, u"noext"_s);
-    row("types: ignore txt skips TXT",
-        R"({"ScanFileType":1,"OnlyFileType":["png"],"IgnoreFileType":["txt"]})", types,
-        u"a.jpg,photo.JPG,b.png,noext,d.tar.gz"_s);
-    row("types: ignore list unused at 0", R"({"IgnoreFileType":["txt"]})", types, types);
-    row("types: non-ascii", R"({"OnlyFileType":["ärger"]})", u"x.ÄRGER,y.arger"_s, u"x.ÄRGER"_s);
+        const QString types = u"a.jpg,photo.JPG,b.png,noext,c.TXT,d.tar.gz"_s;
+        row("types: only jpg takes JPG", R"({"OnlyFileType":["jpg"]})", types, u"a.jpg,photo.JPG"_s);
+        row("types: only JPG keeps nothing", R"({"OnlyFileType":["JPG"]})", types, QString());
+        row("types: last suffix", R"({"OnlyFileType":["gz","png"]})", types, u"b.png,d.tar.gz"_s);
+        row("types: empty entry", R"({"OnlyFileType":[""]})", types, u"noext"_s);
+        row("types: ignore txt skips TXT",
+            R"({"ScanFileType":1,"OnlyFileType":["png"],"IgnoreFileType":["txt"]})", types,
+            u"a.jpg,photo.JPG,b.png,noext,d.tar.gz"_s);
+        row("types: ignore list unused at 0", R"({"IgnoreFileType":["txt"]})", types, types);
+        row("types: non-ascii", R"({"OnlyFileType":["ärger"]})", u"x.ÄRGER,y.arger"_s, u"x.ÄRGER"_s);
 
-    const QString tree = u"a/one.txt,a/sub/two.txt,b/three.txt,top.txt"_s;
-    row("paths: folder", R"({"IgnorePathFile":["@/a"]})", tree, u"b/three.txt,top.txt"_s);
-    row("paths: other case, slash", R"({"IgnorePathFile":["@/A/SUB/"]})", tree,
-        u"a/one.txt,b/three.txt,top.txt"_s);
-    row("paths: file", R"({"IgnorePathFile":["@/B/Three.TXT"]})", tree, u"a/one.txt,a/sub/two.txt,top.txt"_s);
-    row("paths: prefix is no match", R"({"IgnorePathFile":["@/a/on","@/to"]})", tree, tree);
-    row("paths: root", R"({"IgnorePathFile":["@"]})", tree, QString());
+        const QString tree = u"a/one.txt,a/sub/two.txt,b/three.txt,top.txt"_s;
+        row("paths: folder", R"({"IgnorePathFile":["@/a"]})", tree, u"b/three.txt,top.txt"_s);
+        row("paths: other case, slash", R"({"IgnorePathFile":["@/A/SUB/"]})", tree,
+            u"a/one.txt,b/three.txt,top.txt"_s);
+        row("paths: file", R"({"IgnorePathFile":["@/B/Three.TXT"]})", tree,
+            u"a/one.txt,a/sub/two.txt,top.txt"_s);
+        row("paths: prefix is no match", R"({"IgnorePathFile":["@/a/on","@/to"]})", tree, tree);
+        row("paths: root", R"({"IgnorePathFile":["@"]})", tree, QString());
 
-    const QString hidden = u"seen.txt,.hidden.txt,.dot/inner.txt,sub/seen.txt,sub/.h"_s;
-    row("hidden: skipped", "{}", hidden, u"seen.txt,sub/seen.txt"_s);
-    row("hidden: included", R"({"IgnoreSystemHidden":false})", hidden, hidden);
+        const QString hidden = u"seen.txt,.hidden.txt,.dot/inner.txt,sub/seen.txt,sub/.h"_s;
+        row("hidden: skipped", "{}", hidden, u"seen.txt,sub/seen.txt"_s);
+        row("hidden: included", R"({"IgnoreSystemHidden":false})", hidden, hidden);
 
-    const QString unicode = u"Ünïcødé 日本/写真.jpg,emoji 😀.txt,ελληνικά.PDF"_s;
-    row("unicode names", "{}", unicode, unicode);
-    row("everything filtered",
-        R"({"MinFileSize":1,"MaxFileSize":0,"OnlyFileType":["jpg"],"IgnorePathFile":["@/b"]})",
-        u".h/a.jpg,4096,b/c.jpg"_s, QString());
-}
-
-void TestTFileScanner::filters()
-{
-    QFETCH(QByteArray, config);
-    QFETCH(QString, files);
-    QFETCH(QString, kept);
-    QTemporaryDir dir;
-    for (const QString &name : list(files))
-        makeFile(dir.filePath(name), name.front().isDigit() ? name.toLongLong() : 1);
-    config.replace('@', QFile::encodeName(dir.path()));
-    const qint32 drive = TFileScanner::driveTypeOf(dir.path());
-    for (int mode : {0, 1}) {
-        Run run;
-        scan(run, {dir.path()}, mode, QJsonDocument::fromJson(config).object());
-        QCOMPARE(run.finished, 1);
-        QCOMPARE(relative(dir.path(), run.paths), list(mode == 0 ? files : kept));
-        for (const QString &path : std::as_const(run.paths))
-            QCOMPARE(run.sizes.value(path), QFileInfo(path).size());
-        QCOMPARE(run.driveTypes, QList<int>(run.paths.size(), drive));
+        const QString unicode = u"Ünïcødé 日本/写真.jpg,emoji 😀.txt,ελληνικά.PDF"_s;
+        row("unicode names", "{}", unicode, unicode);
     }
-}
 
-void TestTFileScanner::linksReportEachFileOnce_data()
-{
-    // Layout commands, "|"-separated: "f path", "s link target" (symbolic), "h link existing"
-    // (hard); "@" in a target stands for the folder that holds the root.
-    QTest::addColumn<QString>("layout");
-    QTest::addColumn<QString>("roots");
-    QTest::addColumn<int>("files"); // physical files that must each be reported exactly once
-
-    QTest::newRow("symlink to file") << u"f r/a.txt|s r/link.txt a.txt"_s << u"r"_s << 1;
-    QTest::newRow("hard links") << u"f r/a.txt|h r/b.txt r/a.txt|h r/sub/c.txt r/a.txt|f r/other.txt"_s
-                                << u"r"_s << 2;
-    QTest::newRow("loop to ancestor") << u"f r/a.txt|f r/x/y/b.txt|s r/x/y/up ../.."_s << u"r"_s << 2;
-    QTest::newRow("folder reached twice")
-        << u"f r/a/real/1.txt|f r/a/real/2.txt|s r/b/link ../a/real"_s << u"r"_s << 2;
-    QTest::newRow("link to outside folder") << u"f out/o.txt|f r/a.txt|s r/ext @/out"_s << u"r"_s << 2;
-    QTest::newRow("dangling link") << u"f r/a.txt|s r/gone.txt missing.txt"_s << u"r"_s << 1;
-    QTest::newRow("overlapping roots") << u"f r/a.txt|f r/sub/b.txt"_s << u"r/sub,r,r/sub"_s << 2;
-    QTest::newRow("root through a link") << u"f r/a.txt|s alias r"_s << u"r,alias"_s << 1;
-}
-
-void TestTFileScanner::linksReportEachFileOnce()
-{
-    QFETCH(QString, layout);
-    QFETCH(QString, roots);
-    QFETCH(int, files);
-    QTemporaryDir dir;
-    for (const QString &command : layout.replace(u'@', dir.path()).split(u'|')) {
-        const QStringList part = command.split(u' ');
-        const QString path = dir.filePath(part.at(1));
-        const QByteArray target = QFile::encodeName(part.value(2)), link = QFile::encodeName(path);
-        QDir().mkpath(QFileInfo(path).path());
-        if (part.at(0) == u"f"_s)
-            makeFile(path, 3);
-        else if (part.at(0) == u"s"_s)
-            QCOMPARE(::symlink(target.constData(), link.constData()), 0);
-        else
-            QCOMPARE(::link(QFile::encodeName(dir.filePath(part.at(2))).constData(), link.constData()), 0);
-    }
-    QStringList absoluteRoots;
-    for (const QString &root : list(roots))
-        absoluteRoots.append(dir.filePath(root));
-
-    // Both walks, each with the per-file and the batched receiver.
-    for (int variant = 0; variant < 4; ++variant) {
-        Run run;
-        scan(run, absoluteRoots, variant % 2, {}, {}, variant >= 2);
-        QCOMPARE(run.finished, 1);
-        QSet<QPair<quint64, quint64>> identities;
-        for (const QString &path : std::as_const(run.paths)) {
-            struct stat st;
-            QVERIFY2(::stat(QFile::encodeName(path).constData(), &st) == 0, qPrintable(path));
-            identities.insert({quint64(st.st_dev), quint64(st.st_ino)});
+    void filters()
+    {
+        QFETCH(QByteArray, config);
+        QFETCH(QString, files);
+        QFETCH(QString, kept);
+        QTemporaryDir dir;
+        for (const QString &name : list(files))
+            makeFile(dir.filePath(name), name.front().isDigit() ? name.toLongLong() : 1);
+        config.replace('@', QFile::encodeName(dir.path()));
+        const qint32 drive = TFileScanner::driveTypeOf(dir.path());
+        for (int mode : {0, 1}) {
+            Run run;
+            scan(run, {dir.path()}, mode, QJsonDocument::fromJson(config).object());
+            QCOMPARE(run.finished, 1);
+            QCOMPARE(relative(dir.path(), run.paths), list(mode == 0 ? files : kept));
+            for (const QString &path : std::as_const(run.paths))
+                QCOMPARE(run.sizes.value(path), QFileInfo(path).size());
+            QCOMPARE(run.driveTypes, QList<int>(run.paths.size(), drive));
         }
-        QCOMPARE(identities.size(), run.paths.size()); // nothing twice
-        QCOMPARE(run.paths.size(), files);             // nothing missed
     }
-}
 
-void TestTFileScanner::progress_data()
-{
-    QTest::addColumn<int>("mode");
-    QTest::addColumn<QList<int>>("perRoot"); // files in each root
-    QTest::addColumn<QList<int>>("expected");
-    QTest::newRow("parallel 99") << 1 << QList<int>{99} << QList<int>{99};
-    QTest::newRow("parallel 100") << 1 << QList<int>{100} << QList<int>{100, 100};
-    QTest::newRow("parallel 250") << 1 << QList<int>{250} << QList<int>{100, 200, 250};
-    QTest::newRow("parallel counts per root") << 1 << QList<int>{150, 120} << QList<int>{100, 150, 100, 120};
-    QTest::newRow("parallel empty root") << 1 << QList<int>{0} << QList<int>{0};
-    QTest::newRow("plain 250") << 0 << QList<int>{250} << QList<int>{100, 200};
-    QTest::newRow("plain counts across roots") << 0 << QList<int>{150, 120} << QList<int>{100, 200};
-}
+    void linksReportEachFileOnce_data()
+    {
+        // Layout commands, "|"-separated: "f path", "s link target" (symbolic), "h link existing"
+        // (hard); "@" in a target stands for the folder that holds the root.
+        QTest::addColumn<QString>("layout");
+        QTest::addColumn<QString>("roots");
+        QTest::addColumn<int>("files"); // physical files that must each be reported exactly once
 
-void TestTFileScanner::progress()
-{
-    QFETCH(int, mode);
-    QFETCH(QList<int>, perRoot);
-    QTemporaryDir dir;
-    QStringList roots;
-    for (int r = 0; r < perRoot.size(); ++r) {
-        roots.append(dir.filePath(u"root%1"_s.arg(r)));
-        QDir().mkpath(roots.last());
-        for (int i = 0; i < perRoot.at(r); ++i)
-            makeFile(roots.last() + u"/d%1/f%2"_s.arg(i % 7).arg(i));
+        QTest::newRow("symlink to file") << u"f r/a.txt|s r/link.txt a.txt"_s << u"r"_s << 1;
+        QTest::newRow("hard links") << u"f r/a.txt|h r/b.txt r/a.txt|h r/sub/c.txt r/a.txt|f r/other.txt"_s
+                                    << u"r"_s << 2;
+        QTest::newRow("loop to ancestor") << u"f r/a.txt|f r/x/y/b.txt|s r/x/y/up ../.."_s << u"r"_s << 2;
+        QTest::newRow("folder reached twice")
+            << u"f r/a/real/1.txt|f r/a/real/2.txt|s r/b/link ../a/real"_s << u"r"_s << 2;
+        QTest::newRow("link to outside folder") << u"f out/o.txt|f r/a.txt|s r/ext @/out"_s << u"r"_s << 2;
+        QTest::newRow("dangling link") << u"f r/a.txt|s r/gone.txt missing.txt"_s << u"r"_s << 1;
+        QTest::newRow("overlapping roots") << u"f r/a.txt|f r/sub/b.txt"_s << u"r/sub,r,r/sub"_s << 2;
+        QTest::newRow("root through a link") << u"f r/a.txt|s alias r"_s << u"r,alias"_s << 1;
     }
-    Run run;
-    scan(run, roots, mode);
-    // Pool threads may signal their multiples of 100 in either order; the final count of
-    // a root comes after all of them.
-    if (mode == 1 && perRoot.size() == 1 && run.progress.size() > 1)
-        std::sort(run.progress.begin(), run.progress.end() - 1);
-    QTEST(run.progress, "expected");
-}
 
-void TestTFileScanner::stopEndsTheWalk()
-{
-    QTemporaryDir dir;
-    const int total = 3000;
-    for (int i = 0; i < total; ++i)
-        makeFile(dir.filePath(u"d%1/e%2/f%3"_s.arg(i % 10).arg(i % 30).arg(i)));
-    for (int mode : {0, 1}) {
-        TFileScanner scanner;
-        scanner.setScanMode(mode);
-        scanner.setRoots({dir.path(), dir.path() + u"/d1"_s});
+    void linksReportEachFileOnce()
+    {
+        QFETCH(QString, layout);
+        QFETCH(QString, roots);
+        QFETCH(int, files);
+        QTemporaryDir dir;
+        for (const QString &command : layout.replace(u'@', dir.path()).split(u'|')) {
+            const QStringList part = command.split(u' ');
+            const QString path = dir.filePath(part.at(1));
+            const QByteArray target = QFile::encodeName(part.value(2)), link = QFile::encodeName(path);
+            QDir().mkpath(QFileInfo(path).path());
+            if (part.at(0) == u"f"_s)
+                makeFile(path, 3);
+            else if (part.at(0) == u"s"_s)
+                QCOMPARE(::symlink(target.constData(), link.constData()), 0);
+            else
+                QCOMPARE(::link(QFile::encodeName(dir.filePath(part.at(2))).constData(), link.constData()),
+                         0);
+        }
+        QStringList absoluteRoots;
+        for (const QString &root : list(roots))
+            absoluteRoots.append(dir.filePath(root));
+
+        // Both walks, each with the per-file and the batched receiver.
+        for (int variant = 0; variant < 4; ++variant) {
+            Run run;
+            scan(run, absoluteRoots, variant % 2, {}, {}, variant >= 2);
+            QCOMPARE(run.finished, 1);
+            QSet<QPair<quint64, quint64>> identities;
+            for (const QString &path : std::as_const(run.paths)) {
+                struct stat st;
+                QVERIFY2(::stat(QFile::encodeName(path).constData(), &st) == 0, qPrintable(path));
+                identities.insert({quint64(st.st_dev), quint64(st.st_ino)});
+            }
+            QCOMPARE(identities.size(), run.paths.size()); // nothing twice
+            QCOMPARE(run.paths.size(), files);             // nothing missed
+        }
+    }
+
+    void progress_data()
+    {
+        QTest::addColumn<int>("mode");
+        QTest::addColumn<QList<int>>("perRoot"); // files in each root
+        QTest::addColumn<QList<int>>("expected");
+        QTest::newRow("parallel 99") << 1 << QList<int>{99} << QList<int>{99};
+        QTest::newRow("parallel 100") << 1 << QList<int>{100} << QList<int>{100, 100};
+        QTest::newRow("parallel 250") << 1 << QList<int>{250} << QList<int>{100, 200, 250};
+        QTest::newRow("parallel counts per root")
+            << 1 << QList<int>{150, 120} << QList<int>{100, 150, 100, 120};
+        QTest::newRow("parallel empty root") << 1 << QList<int>{0} << QList<int>{0};
+        QTest::newRow("plain 250") << 0 << QList<int>{250} << QList<int>{100, 200};
+        QTest::newRow("plain counts across roots") << 0 << QList<int>{150, 120} << QList<int>{100, 200};
+    }
+
+    void progress()
+    {
+        QFETCH(int, mode);
+        QFETCH(QList<int>, perRoot);
+        QTemporaryDir dir;
+        QStringList roots;
+        for (int r = 0; r < perRoot.size(); ++r) {
+            roots.append(dir.filePath(u"root%1"_s.arg(r)));
+            QDir().mkpath(roots.last());
+            for (int i = 0; i < perRoot.at(r); ++i)
+                makeFile(roots.last() + u"/d%1/f%2"_s.arg(i % 7).arg(i));
+        }
         Run run;
-        scan(scanner, run, [&] { scanner.stop(); });
-        QCOMPARE(run.finished, 1);
-        QVERIFY(!run.paths.isEmpty());
-        // Each worker may finish the entry it was on, nothing more.
-        QVERIFY2(run.paths.size() <= QThread::idealThreadCount() + 1, qPrintable(QString::number(mode)));
-        // A later run starts afresh.
-        Run again;
-        scan(scanner, again);
-        QCOMPARE(again.paths.size(), total);
+        scan(run, roots, mode);
+        // Pool threads may signal their multiples of 100 in either order; the final count of
+        // a root comes after all of them.
+        if (mode == 1 && perRoot.size() == 1 && run.progress.size() > 1)
+            std::sort(run.progress.begin(), run.progress.end() - 1);
+        QTEST(run.progress, "expected");
     }
-}
 
-void TestTFileScanner::vanishingFolderMidWalk()
-{
-    QTemporaryDir dir;
-    QStringList kept;
-    for (int i = 0; i < 40; ++i) {
-        makeFile(dir.filePath(u"victim/v%1/f.txt"_s.arg(i)));
-        kept.append(u"keep/k%1.txt"_s.arg(i, 2, 10, QChar(u'0')));
-        makeFile(dir.filePath(kept.last()));
+    void stopEndsTheWalk()
+    {
+        QTemporaryDir dir;
+        const int total = 3000;
+        for (int i = 0; i < total; ++i)
+            makeFile(dir.filePath(u"d%1/e%2/f%3"_s.arg(i % 10).arg(i % 30).arg(i)));
+        for (int mode : {0, 1}) {
+            TFileScanner scanner;
+            scanner.setScanMode(mode);
+            scanner.setRoots({dir.path(), dir.path() + u"/d1"_s});
+            Run run;
+            scan(scanner, run, [&] { scanner.stop(); });
+            QCOMPARE(run.finished, 1);
+            QVERIFY(!run.paths.isEmpty());
+            // Each worker may finish the entry it was on, nothing more.
+            QVERIFY2(run.paths.size() <= QThread::idealThreadCount() + 1, qPrintable(QString::number(mode)));
+            // A later run starts afresh.
+            Run again;
+            scan(scanner, again);
+            QCOMPARE(again.paths.size(), total);
+        }
     }
-    Run run;
-    std::mutex once;
-    bool removed = false;
-    scan(run, {dir.path()}, 1, {}, [&] {
-        std::lock_guard locker(once);
-        if (!removed)
-            removed = QDir(dir.filePath(u"victim"_s)).removeRecursively();
-    });
-    QVERIFY(removed);
-    QCOMPARE(run.finished, 1);
-    QStringList got = relative(dir.path(), run.paths);
-    got.removeIf([](const QString &path) { return path.startsWith(u"victim/"_s); });
-    QCOMPARE(got, kept);
-}
 
-void TestTFileScanner::badInputIsSkipped()
-{
-    // Roots that are missing, a file, empty or blank; names that are not valid UTF-8; a
-    // folder that cannot be read: each is passed over and the rest of the walk goes on.
-    QTemporaryDir dir;
-    const QString root = dir.filePath(u"walk"_s);
-    for (const QString &name : {u"walk/good.txt"_s, u"file.txt"_s, u"walk/closed/b.txt"_s})
-        makeFile(dir.filePath(name));
-    QVERIFY(QFile::setPermissions(root + u"/closed"_s, QFileDevice::Permissions()));
-    const QByteArray bad = QFile::encodeName(root) + "/bad\xff\xfe.txt",
-                     badDir = QFile::encodeName(root) + "/d\xc3(";
-    QCOMPARE(::close(::open(bad.constData(), O_CREAT | O_WRONLY, 0644)), 0);
-    QCOMPARE(::mkdir(badDir.constData(), 0755), 0);
-    QCOMPARE(::close(::open(QByteArray(badDir + "/inner.txt").constData(), O_CREAT | O_WRONLY, 0644)), 0);
-    // Whoever runs as root reads the closed folder all the same.
-    const QString expected = ::geteuid() == 0 ? u"closed/b.txt,good.txt"_s : u"good.txt"_s;
-    for (int mode : {0, 1}) {
+    void vanishingFolderMidWalk()
+    {
+        QTemporaryDir dir;
+        QStringList kept;
+        for (int i = 0; i < 40; ++i) {
+            makeFile(dir.filePath(u"victim/v%1/f.txt"_s.arg(i)));
+            kept.append(u"keep/k%1.txt"_s.arg(i, 2, 10, QChar(u'0')));
+            makeFile(dir.filePath(kept.last()));
+        }
         Run run;
-        scan(run, {dir.filePath(u"missing/folder"_s), dir.filePath(u"file.txt"_s), QString(), u"  "_s, root},
-             mode);
+        std::mutex once;
+        bool removed = false;
+        scan(run, {dir.path()}, 1, {}, [&] {
+            std::lock_guard locker(once);
+            if (!removed)
+                removed = QDir(dir.filePath(u"victim"_s)).removeRecursively();
+        });
+        QVERIFY(removed);
         QCOMPARE(run.finished, 1);
-        QCOMPARE(relative(root, run.paths), list(expected));
+        QStringList got = relative(dir.path(), run.paths);
+        got.removeIf([](const QString &path) { return path.startsWith(u"victim/"_s); });
+        QCOMPARE(got, kept);
     }
-    QVERIFY(QFile::setPermissions(root + u"/closed"_s,
-                                  QFileDevice::ReadOwner | QFileDevice::ExeOwner | QFileDevice::WriteOwner));
-    // The temporary folder cannot remove what it cannot name.
-    QVERIFY(::unlink(bad.constData()) == 0 && ::unlink(QByteArray(badDir + "/inner.txt").constData()) == 0 &&
-            ::rmdir(badDir.constData()) == 0);
-}
+
+    void badInputIsSkipped()
+    {
+        // Roots that are missing, a file, empty or blank; names that are not valid UTF-8; a
+        // folder that cannot be read: each is passed over and the rest of the walk goes on.
+        QTemporaryDir dir;
+        const QString root = dir.filePath(u"walk"_s);
+        for (const QString &name : {u"walk/good.txt"_s, u"file.txt"_s, u"walk/closed/b.txt"_s})
+            makeFile(dir.filePath(name));
+        QVERIFY(QFile::setPermissions(root + u"/closed"_s, QFileDevice::Permissions()));
+        const QByteArray bad = QFile::encodeName(root) + "/bad\xff\xfe.txt",
+                         badDir = QFile::encodeName(root) + "/d\xc3(";
+        QCOMPARE(::close(::open(bad.constData(), O_CREAT | O_WRONLY, 0644)), 0);
+        QCOMPARE(::mkdir(badDir.constData(), 0755), 0);
+        QCOMPARE(::close(::open(QByteArray(badDir + "/inner.txt").constData(), O_CREAT | O_WRONLY, 0644)), 0);
+        // Whoever runs as root reads the closed folder all the same.
+        const QString expected = ::geteuid() == 0 ? u"closed/b.txt,good.txt"_s : u"good.txt"_s;
+        for (int mode : {0, 1}) {
+            Run run;
+            scan(run,
+                 {dir.filePath(u"missing/folder"_s), dir.filePath(u"file.txt"_s), QString(), u"  "_s, root},
+                 mode);
+            QCOMPARE(run.finished, 1);
+            QCOMPARE(relative(root, run.paths), list(expected));
+        }
+        QVERIFY(QFile::setPermissions(root + u"/closed"_s, QFileDevice::ReadOwner | QFileDevice::ExeOwner |
+                                                               QFileDevice::WriteOwner));
+        // The temporary folder cannot remove what it cannot name.
+        QVERIFY(::unlink(bad.constData()) == 0 &&
+                ::unlink(QByteArray(badDir + "/inner.txt").constData()) == 0 &&
+                ::rmdir(badDir.constData()) == 0);
+    }
+};
 
 TWINFOLD_TEST_MAIN(TestTFileScanner)
 #include "tst_tfilescanner.moc"
