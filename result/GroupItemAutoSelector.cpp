@@ -7,9 +7,11 @@
 #include "settings/TWPreferences.h"
 
 #include <QFileInfo>
+#include <QJsonValue>
 #include <QMutex>
 #include <QRegularExpression>
 #include <QThreadPool>
+#include <QVariant>
 #include <QWriteLocker>
 #include <QtConcurrent/QtConcurrentMap>
 
@@ -253,6 +255,14 @@ QStringList GroupItemAutoSelector::selectByPriority(const QStringList &paths,
     if (selected.isEmpty())
         return selectGroup(eligible, SelectByFilename);
     return selected;
+}
+
+QMap<QString, qint32> GroupItemAutoSelector::priorityFromJson(const QJsonObject &table)
+{
+    QMap<QString, qint32> priority;
+    for (auto it = table.constBegin(); it != table.constEnd(); ++it)
+        priority.insert(it.key(), it.value().toVariant().toInt());
+    return priority;
 }
 
 qint32 GroupItemAutoSelector::filenameScore(const QString &path)

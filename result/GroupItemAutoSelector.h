@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QJsonObject>
 #include <QList>
 #include <QMap>
 #include <QPair>
@@ -38,6 +39,8 @@ public:
     // 100 minus penalties for copy-like words in the name and folder and for numbered
     // endings such as "(1)", "_2", "-3" in the name; unbounded below.
     static qint32 filenameScore(const QString &path);
+    // The folder priority table as the matchers' configuration carries it (path → number).
+    static QMap<QString, qint32> priorityFromJson(const QJsonObject &table);
     // Applies the rule to every group in parallel on the global thread pool and stores each
     // selection in TFileData (an empty selection removes the group's entry); returns when
     // all groups are done. Rule 3 reads the priority table of the preferences, so this

@@ -165,12 +165,8 @@ void DuplicateFileFinder::setConfig(const QJsonObject &json)
     if (hint.isDouble())
         duplicateSelectHint = hint.toInt();
     const QJsonValue priority = json.value(QLatin1String("mapPriority"));
-    if (duplicateSelectHint == kPrioritySelection && priority.isObject()) {
-        mapPriority.clear();
-        const QJsonObject table = priority.toObject();
-        for (auto it = table.constBegin(); it != table.constEnd(); ++it)
-            mapPriority.insert(it.key(), it.value().toVariant().toInt());
-    }
+    if (duplicateSelectHint == kPrioritySelection && priority.isObject())
+        mapPriority = GroupItemAutoSelector::priorityFromJson(priority.toObject());
 }
 
 void DuplicateFileFinder::stop()
@@ -360,24 +356,12 @@ void DuplicateFileFinder::reportBucketDone()
     }
 }
 
-QByteArray DuplicateFileFinder::calculateFileHash(int method, const QString &path, qint64 knownSize,
-                                                  int driveType)
+namespace {
+// Runs a digest step; nothing it throws may leave the matcher.
+template <typename Step> QByteArray guardedDigest(const Step &step)
 {
     try {
-        if (method == FileName) {
-            // Only regular files: opening a pipe or device could block or never end.
-            const QFileInfo info(path);
-            if (!info.isFile())
-                return {};
-            if (info.size() < 1 || (knownSize >= 0 && info.size() != knownSize))
-                return {};
-            return nameKey(info);
-        }
-
-        QFile file;
-        if (!FileIdentity::openRegular(path, file).isValid())
-            return {};
-        return hashOpenFile(method, file, path, knownSize, driveType);
+        return step();
     } catch (const std::exception &e) {
         logInfo(QStringLiteral("[TDuplicateFinleFinder]: Exception in calculateFileHash: [%1].")
                     .arg(QString::fromLocal8Bit(e.what())));
@@ -386,11 +370,30 @@ QByteArray DuplicateFileFinder::calculateFileHash(int method, const QString &pat
     }
     return {};
 }
+} // namespace
+
+QByteArray DuplicateFileFinder::calculateFileHash(int method, const QString &path, qint64 knownSize,
+                                                  int driveType)
+{
+    if (method != FileName) {
+        QFile file;
+        if (!FileIdentity::openRegular(path, file).isValid())
+            return {};
+        return hashOpenFile(method, file, path, knownSize, driveType);
+    }
+    return guardedDigest([&]() -> QByteArray {
+        // Only regular files: opening a pipe or device could block or never end.
+        const QFileInfo info(path);
+        if (!info.isFile() || info.size() < 1 || (knownSize >= 0 && info.size() != knownSize))
+            return {};
+        return nameKey(info);
+    });
+}
 
 QByteArray DuplicateFileFinder::hashOpenFile(int method, QFile &file, const QString &path, qint64 knownSize,
                                              int driveType)
 {
-    try {
+    return guardedDigest([&]() -> QByteArray {
         const qint64 current = file.size();
         if (current < 1)
             return {};
@@ -405,13 +408,7 @@ QByteArray DuplicateFileFinder::hashOpenFile(int method, QFile &file, const QStr
             return {};
         const qint64 n = knownSize >= 0 ? std::min(current, knownSize) : current;
         return sampledKey(file, n);
-    } catch (const std::exception &e) {
-        logInfo(QStringLiteral("[TDuplicateFinleFinder]: Exception in calculateFileHash: [%1].")
-                    .arg(QString::fromLocal8Bit(e.what())));
-    } catch (...) {
-        logInfo(QStringLiteral("[TDuplicateFinleFinder]: Unknown exception in calculateFileHash."));
-    }
-    return {};
+    });
 }
 
 void DuplicateFileFinder::processDirectories()

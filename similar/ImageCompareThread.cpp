@@ -265,12 +265,8 @@ void ImageCompareThread::setConfig(const QJsonObject &json)
     const qint32 limit = json.value(QLatin1String("imageMinSize")).toInt(0);
     aspectRatioLimit = limit <= 10 ? limit : 4;
     const QJsonValue priority = json.value(QLatin1String("mapPriority"));
-    if (selectionHint == SelectByPriority && priority.isObject()) {
-        priorityMap.clear();
-        const QJsonObject table = priority.toObject();
-        for (auto it = table.constBegin(); it != table.constEnd(); ++it)
-            priorityMap.insert(it.key(), it.value().toVariant().toInt());
-    }
+    if (selectionHint == SelectByPriority && priority.isObject())
+        priorityMap = GroupItemAutoSelector::priorityFromJson(priority.toObject());
 }
 
 void ImageCompareThread::setInput(const QStringList &files, const QMap<QString, QStringList> &groups)
