@@ -152,8 +152,12 @@ private slots:
         row("zero bytes", u"empty.png"_s, "", 0, u"File too large or empty"_s, reader, none, none);
         row("truncated png", u"cut.png"_s, image(40, 30, ".png").left(20), 0, u"imdecode returned empty"_s,
             reader, none, none);
+        row("wrong magic", u"junk.jpg"_s, QByteArray(3000, 'x'), 0, u"imdecode returned empty"_s, reader,
+            none, none);
         // Over 512 MiB the buffer is refused; the decoder that reads from disk still copes.
         row("one byte over 512 MiB", u"limit.png"_s, image(40, 30, ".png"), 512ll * 1024 * 1024 + 1,
+            u"File too large or empty"_s, u"Full read success"_s, small, small);
+        row("600 MiB", u"huge.png"_s, image(40, 30, ".png"), 600ll * 1024 * 1024,
             u"File too large or empty"_s, u"Full read success"_s, small, small);
     }
 
