@@ -11,7 +11,9 @@ class TWIgnoreListPreferences : public QObject
 {
     Q_OBJECT
 public:
-    enum TWRemovalMethod
+    // A fixed underlying type: a number read from a file or passed by a caller may lie
+    // outside the named values without undefined behaviour.
+    enum TWRemovalMethod : int
     {
         moveToTrash = 0,
         removePermanently = 1,
