@@ -1,5 +1,6 @@
 #include "app/TControlUI.h"
 
+#include "app/SignalFence.h"
 #include "app/TLogger.h"
 #include "scan/TFileData.h"
 #include "settings/TWGenernalPreferences.h"
@@ -150,12 +151,14 @@ void TControlUI::openProject(const QString &path)
 
 void TControlUI::processFile(qint64 size, const QString &path, int driveType)
 {
+    SignalFence::pass();
     sizeGroups[size].append(FileMeta{size, path, driveType});
     allFiles.append(path);
 }
 
 void TControlUI::processFiles(const QList<FileMeta> &files)
 {
+    SignalFence::pass();
     // No reserve here: an exact reserve per batch reallocates the whole list every time.
     for (const FileMeta &file : files) {
         sizeGroups[file.size].append(file);
@@ -165,6 +168,7 @@ void TControlUI::processFiles(const QList<FileMeta> &files)
 
 void TControlUI::updateScanning(int scannedCount)
 {
+    SignalFence::pass();
     emit filesScaningChange(scannedCount);
 }
 
@@ -183,11 +187,13 @@ QString TControlUI::elapsedText() const
 
 void TControlUI::duplicateProcess(int type, double percent)
 {
+    SignalFence::pass();
     recordProgress(type, percent);
 }
 
 void TControlUI::similarProcess(int type, int percent)
 {
+    SignalFence::pass();
     recordProgress(type, double(percent));
 }
 
@@ -252,6 +258,7 @@ bool TControlUI::similarEnabled() const
 
 void TControlUI::duplicateFindItem(int number, qint64 totalSize)
 {
+    SignalFence::pass();
     itemCount = number;
     itemSize = totalSize;
     emit onDuplicateItemFound(number, totalSize);
@@ -259,6 +266,7 @@ void TControlUI::duplicateFindItem(int number, qint64 totalSize)
 
 void TControlUI::scanComplated()
 {
+    SignalFence::pass();
     phaseProgress = progressWeights(allFiles.size(), duplicateConfig.value(u"scanDupDirectory").toBool(false),
                                     similarEnabled(), similarConfig.value(u"isAddFeatures").toBool(false));
     const QString seconds = QString::number(double(scanClock.elapsed()) / 1000.0, 'f', 3);
@@ -282,6 +290,7 @@ void TControlUI::scanComplated()
 
 void TControlUI::duplicateComplated()
 {
+    SignalFence::pass();
     const QString seconds = QString::number(double(scanClock.elapsed()) / 1000.0, 'f', 3);
     if (threadStatus == Stoped) {
         logInfo(QStringLiteral("[TControlUI]: The user clicks Stop during the matching process. This task "
@@ -311,6 +320,7 @@ void TControlUI::duplicateComplated()
 
 void TControlUI::similarComplaged(int count, qint64 size)
 {
+    SignalFence::pass();
     if (threadStatus != Stoped) {
         threadStatus = Stoped;
         logInfo(QStringLiteral("[TControlUI]: The process of matching similar images ends normally."));
@@ -334,6 +344,7 @@ void TControlUI::allComplete()
 
 void TControlUI::openProjectComplated(int flag, int files, qint64 size)
 {
+    SignalFence::pass();
     threadStatus = Stoped;
     const QString time = flag == 1 ? projectThread.scanTime() : QStringLiteral("00:00:00");
     const int scanFiles = flag == 1 ? projectThread.fileCount() : 0;
@@ -342,10 +353,12 @@ void TControlUI::openProjectComplated(int flag, int files, qint64 size)
 
 void TControlUI::saveComplated(int flag)
 {
+    SignalFence::pass();
     emit onSaveProjectComplated(flag);
 }
 
 void TControlUI::openProjectProcess(double index, double total)
 {
+    SignalFence::pass();
     emit onOpenProjectProcess(index, total);
 }

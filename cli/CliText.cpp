@@ -1,9 +1,9 @@
 #include "cli/CliText.h"
 
+#include "app/ReadWriteLockGuard.h"
 #include "result/GroupItemAutoSelector.h"
 #include "scan/TFileData.h"
 
-#include <QReadLocker>
 #include <QStringList>
 
 #include <cstdio>
@@ -48,7 +48,7 @@ void CliText::applyRule(int rule, const QMap<QString, qint32> &priority)
     QList<GroupItemAutoSelector::Group> groups;
     {
         auto &store = TFileData::instance();
-        QReadLocker locker(&store.lock);
+        ReadWriteLockGuard locker(store.lock, ReadWriteLockGuard::Read);
         for (auto it = store.duplicateGroups.cbegin(); it != store.duplicateGroups.cend(); ++it)
             groups.append({it.key(), it.value()});
         for (auto it = store.folderGroups.cbegin(); it != store.folderGroups.cend(); ++it) {

@@ -1,12 +1,12 @@
 #include "cli/ResultPrinter.h"
 
 #include "app/AppInfo.h"
+#include "app/ReadWriteLockGuard.h"
 #include "result/GroupItem.h"
 #include "scan/FileCategory.h"
 #include "scan/TFileData.h"
 
 #include <QFileInfo>
-#include <QReadLocker>
 #include <QSet>
 
 #include <algorithm>
@@ -67,7 +67,7 @@ QString csvField(const QString &value)
 QList<ResultPrinter::Group> ResultPrinter::collect()
 {
     auto &store = TFileData::instance();
-    QReadLocker locker(&store.lock);
+    ReadWriteLockGuard locker(store.lock, ReadWriteLockGuard::Read);
     QList<Group> groups;
     groups.reserve(store.duplicateGroups.size() + store.folderGroups.size());
     for (auto it = store.duplicateGroups.cbegin(); it != store.duplicateGroups.cend(); ++it) {

@@ -1,8 +1,10 @@
 #include "result/GroupItemAutoSelector.h"
 
+#include "app/ReadWriteLockGuard.h"
 #include "app/TLogger.h"
 #include "result/GroupItem.h"
 #include "result/ImageItem.h"
+#include "scan/PoolMap.h"
 #include "scan/TFileData.h"
 #include "settings/TWPreferences.h"
 
@@ -12,8 +14,6 @@
 #include <QRegularExpression>
 #include <QThreadPool>
 #include <QVariant>
-#include <QWriteLocker>
-#include <QtConcurrent/QtConcurrentMap>
 
 #include <algorithm>
 #include <atomic>
@@ -302,30 +302,24 @@ void GroupItemAutoSelector::autoSelectAllEx(const QList<Group> &groups, int rule
                                             const QMap<QString, qint32> &priority)
 {
     TFileData &store = TFileData::instance();
-    // Qt's pool and QReadWriteLock order their threads inside libraries that race checkers
-    // cannot see. The counter's release and acquire (caller to tasks, tasks back to the
-    // caller) and the mutex around the short store writes state that order in our code.
+    // The project's pool map, whose hand-overs the race checker can follow; the mutex keeps
+    // the short store writes and the count in one order.
     QMutex writeMutex;
     qint32 selectedGroups = 0;
-    std::atomic<qint32> finished;
-    finished.store(0, std::memory_order_release);
-    QtConcurrent::blockingMap(QThreadPool::globalInstance(), groups, [&](const Group &group) {
-        (void)finished.load(std::memory_order_acquire);
+    qint32 done = 0;
+    mapOnPool(groups, [&](const Group &group) {
         const QStringList selected = rule == SelectByPriority ? selectByPriority(group.second, priority)
                                                               : selectGroup(group.second, rule);
-        {
-            const QMutexLocker serial(&writeMutex);
-            if (!selected.isEmpty()) {
-                store.setSelected(group.first, selected);
-                ++selectedGroups;
-            } else {
-                const QWriteLocker locker(&store.lock);
-                store.selectedFiles.remove(group.first);
-            }
+        const QMutexLocker serial(&writeMutex);
+        ++done;
+        if (!selected.isEmpty()) {
+            store.setSelected(group.first, selected);
+            ++selectedGroups;
+        } else {
+            ReadWriteLockGuard locker(store.lock, ReadWriteLockGuard::Write);
+            store.selectedFiles.remove(group.first);
         }
-        finished.fetch_add(1, std::memory_order_acq_rel);
     });
-    const qint32 done = finished.load(std::memory_order_acquire);
     logInfo(QStringLiteral("[GroupItemAutoSelector]: Auto select %1 groups by rule %2, %3 groups selected.")
                 .arg(done)
                 .arg(rule)

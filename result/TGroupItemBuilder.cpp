@@ -1,10 +1,10 @@
 #include "result/TGroupItemBuilder.h"
 
+#include "app/ReadWriteLockGuard.h"
 #include "scan/FileCategory.h"
 #include "scan/TFileData.h"
 
 #include <QFileInfo>
-#include <QReadLocker>
 #include <QThreadPool>
 #include <QtConcurrent/QtConcurrentMap>
 
@@ -29,7 +29,7 @@ TGroupItemBuilder::TGroupItemBuilder(const QHash<QString, QStringList> &files,
 
 TGroupItemBuilder TGroupItemBuilder::fromStore(const TFileData &store)
 {
-    QReadLocker locker(&store.lock);
+    ReadWriteLockGuard locker(store.lock, ReadWriteLockGuard::Read);
     return TGroupItemBuilder(store.duplicateGroups, store.folderGroups, store.selectedFiles);
 }
 

@@ -1,5 +1,6 @@
 #include "result/TImageDeleteWorker.h"
 
+#include "app/ReadWriteLockGuard.h"
 #include "app/TLogger.h"
 #include "platform/ShellRemoval.h"
 #include "result/TFileDeleter.h"
@@ -8,10 +9,8 @@
 
 #include <QCoreApplication>
 #include <QFileInfo>
-#include <QReadLocker>
 #include <QSet>
 #include <QThread>
-#include <QWriteLocker>
 
 #include <algorithm>
 
@@ -200,7 +199,7 @@ bool TImageDeleteWorker::isSimilarEntryOf(const QString &entry, const QString &s
 
 TImageDeleteWorker::Tables TImageDeleteWorker::tablesFromStore(const TFileData &store)
 {
-    QReadLocker locker(&store.lock);
+    ReadWriteLockGuard locker(store.lock, ReadWriteLockGuard::Read);
     Tables tables;
     tables.files = store.duplicateGroups;
     tables.selected = store.selectedFiles;
@@ -215,7 +214,7 @@ TImageDeleteWorker::Tables TImageDeleteWorker::tablesFromStore(const TFileData &
 
 void TImageDeleteWorker::applyToStore(TFileData &store, const Tables &given, const Tables &result)
 {
-    QWriteLocker locker(&store.lock);
+    ReadWriteLockGuard locker(store.lock, ReadWriteLockGuard::Write);
     for (auto it = given.selected.cbegin(); it != given.selected.cend(); ++it) {
         const QString &key = it.key();
         if (given.files.contains(key)) {

@@ -1,5 +1,6 @@
 #include "result/TPieChart.h"
 
+#include "app/ReadWriteLockGuard.h"
 #include "scan/FileCategory.h"
 #include "scan/TFileData.h"
 
@@ -120,7 +121,7 @@ qint64 TPieChart::totalSize() const
 QHash<QString, QStringList> TPieChart::storeGroups()
 {
     const TFileData &store = TFileData::instance();
-    QReadLocker locker(&store.lock);
+    ReadWriteLockGuard locker(store.lock, ReadWriteLockGuard::Read);
     QHash<QString, QStringList> groups = store.duplicateGroups;
     for (auto it = store.folderGroups.cbegin(); it != store.folderGroups.cend(); ++it) {
         QStringList folders;

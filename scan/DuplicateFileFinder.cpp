@@ -1,5 +1,7 @@
 #include "scan/DuplicateFileFinder.h"
 
+#include "app/ReadWriteLockGuard.h"
+#include "app/SignalFence.h"
 #include "app/TLogger.h"
 #include "platform/FileIdentity.h"
 #include "result/GroupItemAutoSelector.h"
@@ -208,7 +210,10 @@ void DuplicateFileFinder::run()
         m_dirStats.clear();
         signatureFolders.clear();
     }
-    emit scanFinished();
+    {
+        const SignalFence fence;
+        emit scanFinished();
+    }
     // Whoever reads the results after wait() takes `mutex` (every accessor does).
     handOver(mutex);
 }
@@ -245,8 +250,14 @@ void DuplicateFileFinder::processDuplicates()
         mapOnPool(slice, [&](const QList<FileMeta> &bucket) { processBucket(bucket, writerMutex); });
     }
 
-    emit progressUpdated(0, stopRequested ? 0.0 : 100.0);
-    emit onFindItem(int(duplicateFileCount), duplicateTotalSize);
+    {
+        const SignalFence fence;
+        emit progressUpdated(0, stopRequested ? 0.0 : 100.0);
+    }
+    {
+        const SignalFence fence;
+        emit onFindItem(int(duplicateFileCount), duplicateTotalSize);
+    }
 }
 
 void DuplicateFileFinder::processBucket(const QList<FileMeta> &bucket, QMutex &writerMutex)
@@ -350,8 +361,14 @@ void DuplicateFileFinder::reportBucketDone()
     QMutexLocker locker(&progressMutex);
     ++finishedBuckets;
     if (finishedBuckets == totalBuckets || progressTimer.elapsed() >= kProgressIntervalMs) {
-        emit progressUpdated(0, double(finishedBuckets) * 100.0 / double(totalBuckets));
-        emit onFindItem(int(duplicateFileCount), duplicateTotalSize);
+        {
+            const SignalFence fence;
+            emit progressUpdated(0, double(finishedBuckets) * 100.0 / double(totalBuckets));
+        }
+        {
+            const SignalFence fence;
+            emit onFindItem(int(duplicateFileCount), duplicateTotalSize);
+        }
         progressTimer.restart();
     }
 }
@@ -432,7 +449,10 @@ void DuplicateFileFinder::processDirectories()
 
     mapOnPool(folders, [this](const QString &folder) { processFolder(folder); });
     if (stopRequested) {
-        emit progressUpdated(1, 0);
+        {
+            const SignalFence fence;
+            emit progressUpdated(1, 0);
+        }
         return;
     }
 
@@ -457,7 +477,7 @@ void DuplicateFileFinder::processDirectories()
             if (stat != stats.cend())
                 records.append({path, stat->fileCount, stat->totalSize});
         }
-        QWriteLocker locker(&store.lock);
+        ReadWriteLockGuard locker(store.lock, ReadWriteLockGuard::Write);
         store.addFolderGroup(groupKey(paths.constFirst()), records);
         for (const QString &path : std::as_const(paths)) {
             const QStringList groupKeys = stats.value(path).groupKeys;
@@ -468,7 +488,10 @@ void DuplicateFileFinder::processDirectories()
         }
     }
     // Folders that do not qualify report nothing on their own, so close the phase here.
-    emit progressUpdated(1, 100);
+    {
+        const SignalFence fence;
+        emit progressUpdated(1, 100);
+    }
 }
 
 void DuplicateFileFinder::processFolder(const QString &folder)
@@ -502,5 +525,8 @@ void DuplicateFileFinder::processFolder(const QString &folder)
     // progress lock only keeps the reported percentages from going backwards.
     QMutexLocker locker(&progressMutex);
     lastFolderPercent = std::max(lastFolderPercent, double(processed) * 100.0 / double(totalFolders));
-    emit progressUpdated(1, lastFolderPercent);
+    {
+        const SignalFence fence;
+        emit progressUpdated(1, lastFolderPercent);
+    }
 }

@@ -1,5 +1,6 @@
 #include "scan/TFileData.h"
 
+#include "app/ReadWriteLockGuard.h"
 #include "scan/FileCategory.h"
 
 TFileData &TFileData::instance()
@@ -29,20 +30,20 @@ void TFileData::addFolderGroup(const QString &key, const FolderRecords &folders)
 
 void TFileData::replaceDuplicateGroup(const QString &key, const QStringList &paths)
 {
-    QWriteLocker locker(&lock);
+    ReadWriteLockGuard locker(lock, ReadWriteLockGuard::Write);
     duplicateGroups.remove(key);
     duplicateGroups.insert(key, paths);
 }
 
 void TFileData::setSelected(const QString &key, const QStringList &paths)
 {
-    QWriteLocker locker(&lock);
+    ReadWriteLockGuard locker(lock, ReadWriteLockGuard::Write);
     selectedFiles.insert(key, paths);
 }
 
 QHash<QString, QStringList> TFileData::imageDuplicateGroups() const
 {
-    QReadLocker locker(&lock);
+    ReadWriteLockGuard locker(lock, ReadWriteLockGuard::Read);
     QHash<QString, QStringList> images;
     for (auto it = duplicateGroups.cbegin(); it != duplicateGroups.cend(); ++it) {
         if (!it.value().isEmpty() && isImageFile(it.value().constFirst()))
@@ -53,6 +54,6 @@ QHash<QString, QStringList> TFileData::imageDuplicateGroups() const
 
 bool TFileData::hasResults() const
 {
-    QReadLocker locker(&lock);
+    ReadWriteLockGuard locker(lock, ReadWriteLockGuard::Read);
     return !duplicateGroups.isEmpty() || !folderGroups.isEmpty();
 }

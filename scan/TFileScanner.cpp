@@ -1,5 +1,6 @@
 #include "scan/TFileScanner.h"
 
+#include "app/SignalFence.h"
 #include "app/TLogger.h"
 #include "platform/DirLister.h"
 #include "platform/DriveClassifier.h"
@@ -180,7 +181,10 @@ void TFileScanner::flushBatch()
 {
     if (t_batch.isEmpty())
         return;
-    emit filesFound(t_batch);
+    {
+        const SignalFence fence;
+        emit filesFound(t_batch);
+    }
     t_batch.clear();
 }
 
@@ -211,7 +215,10 @@ void TFileScanner::run()
         linkedTargets = QSet<FileIdentity>();
     }
     stopRequested = false;
-    emit scanFinished();
+    {
+        const SignalFence fence;
+        emit scanFinished();
+    }
 }
 
 bool TFileScanner::beginRoot(const QString &root, QString &folder)
@@ -349,11 +356,15 @@ void TFileScanner::report(qint64 size, const QString &path, int driveType)
 {
     if (batchReports)
         t_batch.append(FileMeta{size, path, driveType});
-    else
+    else {
+        const SignalFence fence;
         emit fileFound(size, path, driveType);
+    }
     const int count = scannedCount.fetch_add(1, std::memory_order_relaxed) + 1;
-    if (count % 100 == 0)
+    if (count % 100 == 0) {
+        const SignalFence fence;
         emit progressUpdated(count);
+    }
 }
 
 void TFileScanner::scanWithQtRecursive(const QString &root)
@@ -424,7 +435,10 @@ void TFileScanner::scanIncrementalParallel(const QString &root)
         }
         reportLinkedFiles();
     }
-    emit progressUpdated(scannedCount.load());
+    {
+        const SignalFence fence;
+        emit progressUpdated(scannedCount.load());
+    }
 }
 
 void TFileScanner::worker(Walk &walk)
@@ -491,7 +505,10 @@ void TFileScanner::processDir(const QString &folder, Walk &walk)
             walk.queue.enqueue(path);
             walk.wake.notify_one();
         }
-        emit pathFound(folder);
+        {
+            const SignalFence fence;
+            emit pathFound(folder);
+        }
     } catch (const std::exception &e) {
         logInfo(QStringLiteral("[TFileScanner] Exception in processDir: ") +
                 QString::fromLocal8Bit(e.what()));

@@ -1,6 +1,8 @@
 #include "settings/TOpenSaveThread.h"
 
 #include "app/AppInfo.h"
+#include "app/ReadWriteLockGuard.h"
+#include "app/SignalFence.h"
 #include "app/TLogger.h"
 #include "result/TPieChart.h"
 #include "scan/FileCategory.h"
@@ -217,7 +219,10 @@ void TOpenSaveThread::failOpen(const QString &logLine, const char *debugMessage)
 {
     qDebug() << debugMessage;
     logInfo(logLine.arg(openPath()));
-    emit openProjectComplated(0, 0, 0);
+    {
+        const SignalFence fence;
+        emit openProjectComplated(0, 0, 0);
+    }
 }
 
 void TOpenSaveThread::openDocument()
@@ -247,7 +252,10 @@ void TOpenSaveThread::openDocument()
     file.close();
     if (status == ParseStatus::Stopped) {
         logInfo(u"[TOpenSaveThread]: Opening stopped. file=%1"_s.arg(openPath()));
-        emit openProjectComplated(0, 0, 0);
+        {
+            const SignalFence fence;
+            emit openProjectComplated(0, 0, 0);
+        }
         return;
     }
     if (status == ParseStatus::Malformed) {
@@ -273,7 +281,10 @@ void TOpenSaveThread::openDocument()
     for (qsizetype i = 0; i < total; ++i) {
         if (m_stop.load()) {
             logInfo(u"[TOpenSaveThread]: Opening stopped. file=%1"_s.arg(openPath()));
-            emit openProjectComplated(0, 0, 0);
+            {
+                const SignalFence fence;
+                emit openProjectComplated(0, 0, 0);
+            }
             return;
         }
         const Group &group = project.groups.at(i);
@@ -324,13 +335,15 @@ void TOpenSaveThread::openDocument()
         } else if (entries.size() == 1) {
             selections.insert(key, QStringList());
         }
-        if (throttle.due(i))
+        if (throttle.due(i)) {
+            const SignalFence fence;
             emit openProjectProcess(double(i), double(total));
+        }
     }
 
     {
         TFileData &store = TFileData::instance();
-        QWriteLocker locker(&store.lock);
+        ReadWriteLockGuard locker(store.lock, ReadWriteLockGuard::Write);
         store.clear();
         store.duplicateGroups = duplicates;
         store.folderGroups = folders;
@@ -343,7 +356,10 @@ void TOpenSaveThread::openDocument()
         m_loadedFiles = files;
         m_loadedSize = bytes;
     }
-    emit openProjectComplated(1, files, bytes);
+    {
+        const SignalFence fence;
+        emit openProjectComplated(1, files, bytes);
+    }
 }
 
 TOpenSaveThread::ParseStatus TOpenSaveThread::parse(QXmlStreamReader &reader, ParsedProject &project,
@@ -446,7 +462,10 @@ void TOpenSaveThread::saveDocument()
     if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
         qDebug() << "Failed to WriteOnly.";
         logInfo(u"Failed to WriteOnly! file=%1"_s.arg(openPath()));
-        emit saveComplated(0);
+        {
+            const SignalFence fence;
+            emit saveComplated(0);
+        }
         return;
     }
     QXmlStreamWriter writer(&file);
@@ -465,16 +484,25 @@ void TOpenSaveThread::saveDocument()
     if (!complete) {
         file.cancelWriting();
         logInfo(u"[TOpenSaveThread]: Saving stopped. file=%1"_s.arg(path));
-        emit saveComplated(0);
+        {
+            const SignalFence fence;
+            emit saveComplated(0);
+        }
         return;
     }
     if (writer.hasError() || !file.commit()) {
         logInfo(
             u"[TOpenSaveThread]: Failed to save project! file=%1 error=%2"_s.arg(path, file.errorString()));
-        emit saveComplated(0);
+        {
+            const SignalFence fence;
+            emit saveComplated(0);
+        }
         return;
     }
-    emit saveComplated(1);
+    {
+        const SignalFence fence;
+        emit saveComplated(1);
+    }
 }
 
 bool TOpenSaveThread::writeGroups(QXmlStreamWriter &writer)
@@ -484,7 +512,7 @@ bool TOpenSaveThread::writeGroups(QXmlStreamWriter &writer)
     QHash<QString, QStringList> selections;
     {
         const TFileData &store = TFileData::instance();
-        QReadLocker locker(&store.lock);
+        ReadWriteLockGuard locker(store.lock, ReadWriteLockGuard::Read);
         duplicates = store.duplicateGroups;
         folderGroups = store.folderGroups;
         selections = store.selectedFiles;
@@ -530,8 +558,10 @@ bool TOpenSaveThread::writeGroups(QXmlStreamWriter &writer)
             writeExactText(writer, entry);
             writer.writeEndElement();
         }
-        if (throttle.due(i))
+        if (throttle.due(i)) {
+            const SignalFence fence;
             emit saveProjectProcess(double(i), double(total));
+        }
         writer.writeEndElement();
     }
     if (leftOut > 0)

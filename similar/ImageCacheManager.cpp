@@ -1,5 +1,6 @@
 #include "similar/ImageCacheManager.h"
 
+#include "app/ReadWriteLockGuard.h"
 #include "app/TLogger.h"
 #include "platform/AvailableMemory.h"
 
@@ -14,65 +15,9 @@
 
 #include <exception>
 
-#if defined(__SANITIZE_THREAD__)
-#define TWINFOLD_TSAN_LOCKS 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define TWINFOLD_TSAN_LOCKS 1
-#endif
-#endif
-#ifdef TWINFOLD_TSAN_LOCKS
-#include <sanitizer/tsan_interface.h>
-#endif
-
 using namespace Qt::StringLiterals;
 
 namespace {
-// QReadWriteLock takes and releases itself inside Qt's library, out of the race checker's
-// sight; under the checker this guard announces each lock and unlock to it.
-class LockGuard
-{
-public:
-    enum Mode
-    {
-        Read,
-        Write
-    };
-    LockGuard(QReadWriteLock &lock, Mode mode) : lock(lock), flags(mode == Read ? readFlag : 0u)
-    {
-#ifdef TWINFOLD_TSAN_LOCKS
-        __tsan_mutex_pre_lock(&lock, flags);
-#endif
-        if (mode == Read)
-            lock.lockForRead();
-        else
-            lock.lockForWrite();
-#ifdef TWINFOLD_TSAN_LOCKS
-        __tsan_mutex_post_lock(&lock, flags, 0);
-#endif
-    }
-    ~LockGuard()
-    {
-#ifdef TWINFOLD_TSAN_LOCKS
-        __tsan_mutex_pre_unlock(&lock, flags);
-#endif
-        lock.unlock();
-#ifdef TWINFOLD_TSAN_LOCKS
-        __tsan_mutex_post_unlock(&lock, flags);
-#endif
-    }
-    LockGuard(const LockGuard &) = delete;
-    LockGuard &operator=(const LockGuard &) = delete;
-
-private:
-#ifdef TWINFOLD_TSAN_LOCKS
-    static constexpr unsigned readFlag = __tsan_mutex_read_lock;
-#else
-    static constexpr unsigned readFlag = 0;
-#endif
-    QReadWriteLock &lock;
-    [[maybe_unused]] const unsigned flags;
-};
 
 constexpr qint64 kHeaderBytes = 12; // type, rows, columns as big-endian qint32
 constexpr qint64 kMaxDataBytes = 1000000000;
@@ -153,7 +98,7 @@ void ImageCacheManager::setMaxCache()
     const qint64 memoryBudget = qint64(double(memory) * kBudgetShare);
     const qint64 diskBudget = qint64(double(disk) * kBudgetShare);
     {
-        LockGuard locker(lock, LockGuard::Write);
+        ReadWriteLockGuard locker(lock, ReadWriteLockGuard::Write);
         diskFull = false;
         writeFailed = false;
         memoryFull = false;
@@ -174,7 +119,7 @@ bool ImageCacheManager::insert(const QString &key, const cv::Mat &feature)
         }
         const qint64 bytes = qint64(feature.total()) * qint64(feature.elemSize());
         {
-            LockGuard locker(lock, LockGuard::Write);
+            ReadWriteLockGuard locker(lock, ReadWriteLockGuard::Write);
             if (memoryCache.contains(key))
                 return true;
             if (memoryUsed + bytes <= maxMemoryUsage) {
@@ -206,7 +151,7 @@ bool ImageCacheManager::insert(const QString &key, const cv::Mat &feature)
 bool ImageCacheManager::writeToDisk(const QString &key, const cv::Mat &feature)
 {
     {
-        LockGuard locker(lock, LockGuard::Read);
+        ReadWriteLockGuard locker(lock, ReadWriteLockGuard::Read);
         if (diskFull)
             return false;
     }
@@ -226,7 +171,7 @@ bool ImageCacheManager::writeToDisk(const QString &key, const cv::Mat &feature)
 
     bool reserved = false;
     auto giveBack = [&](const QString &failure) {
-        LockGuard locker(lock, LockGuard::Write);
+        ReadWriteLockGuard locker(lock, ReadWriteLockGuard::Write);
         if (reserved)
             diskUsed -= need;
         reserved = false;
@@ -240,7 +185,7 @@ bool ImageCacheManager::writeToDisk(const QString &key, const cv::Mat &feature)
 
     try {
         {
-            LockGuard locker(lock, LockGuard::Write);
+            ReadWriteLockGuard locker(lock, ReadWriteLockGuard::Write);
             if (diskUsed + need > maxDiskUsage) {
                 diskFull = true;
                 if (diskFullLogBudget > 0) {
@@ -297,7 +242,7 @@ bool ImageCacheManager::get(const QString &key, cv::Mat &feature)
 {
     try {
         {
-            LockGuard locker(lock, LockGuard::Read);
+            ReadWriteLockGuard locker(lock, ReadWriteLockGuard::Read);
             const auto it = memoryCache.constFind(key);
             if (it != memoryCache.cend()) {
                 feature = it->clone();
@@ -367,7 +312,7 @@ bool ImageCacheManager::readFromDisk(const QString &key, cv::Mat &feature)
 void ImageCacheManager::clear()
 {
     {
-        LockGuard locker(lock, LockGuard::Write);
+        ReadWriteLockGuard locker(lock, ReadWriteLockGuard::Write);
         memoryCache.clear();
         memoryUsed = 0;
         removeCacheFiles(cacheDir);
@@ -380,7 +325,7 @@ void ImageCacheManager::clear()
 
 bool ImageCacheManager::isIncomplete() const
 {
-    LockGuard locker(lock, LockGuard::Read);
+    ReadWriteLockGuard locker(lock, ReadWriteLockGuard::Read);
     return diskFull || writeFailed;
 }
 

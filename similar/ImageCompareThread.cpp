@@ -1,5 +1,7 @@
 #include "similar/ImageCompareThread.h"
 
+#include "app/ReadWriteLockGuard.h"
+#include "app/SignalFence.h"
 #include "app/TLogger.h"
 #include "result/GroupItemAutoSelector.h"
 #include "scan/FileCategory.h"
@@ -308,7 +310,10 @@ void ImageCompareThread::run()
         orbFeatureMatch(groupList);
     mapOnPool(groupList, [this](const QList<ImageData> &group) { emitGroup(group); });
     groupList.clear();
-    emit finished(groupedCount.load(), groupedSize.load());
+    {
+        const SignalFence fence;
+        emit finished(groupedCount.load(), groupedSize.load());
+    }
 }
 
 void ImageCompareThread::loadImages(QList<ImageData> &images)
@@ -347,7 +352,10 @@ void ImageCompareThread::loadImages(QList<ImageData> &images)
         if (done % 10 == 0) {
             std::lock_guard lock(reportMutex);
             if (reportTimer.elapsed() >= 101) {
-                emit progressChanged(LoadingProgress, static_cast<int>(done * 100 / total));
+                {
+                    const SignalFence fence;
+                    emit progressChanged(LoadingProgress, static_cast<int>(done * 100 / total));
+                }
                 reportTimer.restart();
             }
         }
@@ -356,7 +364,10 @@ void ImageCompareThread::loadImages(QList<ImageData> &images)
     for (qsizetype k = 0; k < standInKeys.size(); ++k)
         images[k].pathKey = standInKeys.at(k);
 
-    emit progressChanged(LoadingProgress, 100);
+    {
+        const SignalFence fence;
+        emit progressChanged(LoadingProgress, 100);
+    }
     logInfo(QStringLiteral("[TImageCompareThread]: Image data loading completed. Time taken: [%1] seconds. "
                            "Quantity: [%2]")
                 .arg(seconds(runTimer))
@@ -370,7 +381,10 @@ void ImageCompareThread::reportMatching(qsizetype rowsDone, qsizetype rows)
     std::lock_guard lock(progressMutex);
     if (percent > lastMatchingPercent) {
         lastMatchingPercent = percent;
-        emit progressChanged(MatchingProgress, percent);
+        {
+            const SignalFence fence;
+            emit progressChanged(MatchingProgress, percent);
+        }
     }
 }
 
@@ -729,7 +743,10 @@ void ImageCompareThread::hashCompare(QList<ImageData> &images, QList<QList<Image
         std::lock_guard lock(progressMutex);
         lastMatchingPercent = 100;
     }
-    emit progressChanged(MatchingProgress, 100);
+    {
+        const SignalFence fence;
+        emit progressChanged(MatchingProgress, 100);
+    }
     logInfo((useHash
                  ? QStringLiteral("[TImageCompareThread]: Hash matching process completed. Time taken: [%1] "
                                   "seconds. Quantity: [%2]")
@@ -752,7 +769,10 @@ void ImageCompareThread::orbFeatureMatch(QList<QList<ImageData>> &groups)
     std::atomic<qsizetype> counter{0};
     const auto report = [&] {
         const qsizetype done = ++counter;
-        emit progressChanged(OrbProgress, static_cast<int>(done * 100 / std::max<qsizetype>(1, total)));
+        {
+            const SignalFence fence;
+            emit progressChanged(OrbProgress, static_cast<int>(done * 100 / std::max<qsizetype>(1, total)));
+        }
     };
     QList<ImageData> *list = groups.data();
     mapOnPool(indexList(groups.size()), [&](qsizetype g) {
@@ -777,7 +797,10 @@ void ImageCompareThread::orbFeatureMatch(QList<QList<ImageData>> &groups)
         }
         group = kept;
     });
-    emit progressChanged(OrbProgress, 100);
+    {
+        const SignalFence fence;
+        emit progressChanged(OrbProgress, 100);
+    }
     logInfo(
         QStringLiteral("[TImageCompareThread]: OBR special point deduplication completed. Time taken: [%1] "
                        "seconds. Quantity: [%2]")
@@ -832,7 +855,7 @@ void ImageCompareThread::emitGroup(const QList<ImageData> &group)
     QString key;
     QList<QStringList> absorbed;
     {
-        QReadLocker locker(&store.lock);
+        ReadWriteLockGuard locker(store.lock, ReadWriteLockGuard::Read);
         for (const QString &absorbedKey : std::as_const(absorbedKeys)) {
             const auto it = store.duplicateGroups.constFind(absorbedKey);
             if (it == store.duplicateGroups.cend())
@@ -879,7 +902,7 @@ void ImageCompareThread::emitGroup(const QList<ImageData> &group)
     if (selectedSimilar) {
         QStringList previous;
         {
-            QReadLocker locker(&store.lock);
+            ReadWriteLockGuard locker(store.lock, ReadWriteLockGuard::Read);
             previous = store.selectedFiles.value(key);
         }
         const QStringList chosen = select(merged);

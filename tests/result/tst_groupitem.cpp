@@ -1,3 +1,4 @@
+#include "app/ReadWriteLockGuard.h"
 #include "result/GroupItem.h"
 #include "result/ImageItem.h"
 #include "result/TGroupItemBuilder.h"
@@ -10,7 +11,6 @@
 #include <QFile>
 #include <QImage>
 #include <QTemporaryDir>
-#include <QWriteLocker>
 #include <QtTest>
 
 using namespace Qt::StringLiterals;
@@ -180,7 +180,7 @@ private slots:
             }
         }
         {
-            QWriteLocker locker(&TFileData::instance().lock);
+            ReadWriteLockGuard locker(TFileData::instance().lock, ReadWriteLockGuard::Write);
             TFileData::instance().clear();
             TFileData::instance().duplicateGroups = files;
             TFileData::instance().folderGroups = folders;
@@ -262,7 +262,7 @@ private slots:
 
     void cleanupTestCase()
     {
-        QWriteLocker locker(&TFileData::instance().lock);
+        ReadWriteLockGuard locker(TFileData::instance().lock, ReadWriteLockGuard::Write);
         TFileData::instance().clear();
     }
 };

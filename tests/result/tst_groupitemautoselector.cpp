@@ -1,3 +1,4 @@
+#include "app/ReadWriteLockGuard.h"
 #include "result/GroupItem.h"
 #include "result/GroupItemAutoSelector.h"
 #include "scan/TFileData.h"
@@ -7,7 +8,6 @@
 #include <QDateTime>
 #include <QFile>
 #include <QImage>
-#include <QReadLocker>
 #include <QTemporaryDir>
 #include <QtConcurrent/QtConcurrentMap>
 #include <QtTest>
@@ -333,7 +333,7 @@ private slots:
 
         TFileData &store = TFileData::instance();
         {
-            QWriteLocker locker(&store.lock);
+            ReadWriteLockGuard locker(store.lock, ReadWriteLockGuard::Write);
             store.clear();
             for (const auto &group : groups)
                 store.selectedFiles.insert(group.first, {u"stale"_s});
@@ -351,7 +351,7 @@ private slots:
                 expected.insert(group.first, selected);
         }
         expected.insert(u"untouched"_s, {u"kept"_s});
-        QReadLocker locker(&store.lock);
+        ReadWriteLockGuard locker(store.lock, ReadWriteLockGuard::Read);
         QCOMPARE(store.selectedFiles, expected);
         if (rule == Deselect || rule == 77)
             QCOMPARE(store.selectedFiles.size(), 1);
@@ -370,7 +370,7 @@ private slots:
 
     void cleanupTestCase()
     {
-        QWriteLocker locker(&TFileData::instance().lock);
+        ReadWriteLockGuard locker(TFileData::instance().lock, ReadWriteLockGuard::Write);
         TFileData::instance().clear();
     }
 };

@@ -62,7 +62,12 @@ void scan(TFileScanner &scanner, Run &run, const std::function<void()> &onFile =
         },
         direct);
     QObject::connect(
-        &scanner, &TFileScanner::scanFinished, &context, [&] { ++run.finished; }, direct);
+        &scanner, &TFileScanner::scanFinished, &context,
+        [&] {
+            std::lock_guard locker(run.mutex);
+            ++run.finished;
+        },
+        direct);
     scanner.start();
     scanner.wait();
     // Orders the scanner thread's last slot call before the connections go away.

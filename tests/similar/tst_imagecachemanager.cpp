@@ -1,5 +1,6 @@
 #include "TestMain.h"
 
+#include "app/ReadWriteLockGuard.h"
 #include "app/TLogger.h"
 #include "similar/ImageCacheManager.h"
 
@@ -29,7 +30,7 @@ public:
     }
     void setBudgets(qint64 memory, qint64 disk)
     {
-        QWriteLocker locker(&lock);
+        ReadWriteLockGuard locker(lock, ReadWriteLockGuard::Write);
         maxMemoryUsage = memory;
         maxDiskUsage = disk;
     }
@@ -40,7 +41,7 @@ public:
     };
     Counters counters() const
     {
-        QReadLocker locker(&lock);
+        ReadWriteLockGuard locker(lock, ReadWriteLockGuard::Read);
         return {memoryUsed, diskUsed, maxMemoryUsage, maxDiskUsage, qint64(memoryCache.size())};
     }
     qint64 fileCount() const { return QDir(cacheDir).entryList({u"*.cache"_s}, QDir::Files).size(); }
