@@ -292,7 +292,12 @@ void TOpenSaveThread::openDocument()
         QStringList selected;
         int groupFiles = 0;
         qint64 groupBytes = 0;
-        bool isFolder = false;
+        // The file does not say whether a group held files or folders, and a member may have
+        // changed kind since it was saved. The kind most members still have decides; on a tie
+        // the unselected members, which the user meant to keep, and then the first member.
+        // A member of the other kind stays listed, and removal refuses it.
+        int folderMembers = 0, keptFolders = 0, keptFiles = 0;
+        bool firstIsFolder = false;
         for (const Item &item : group.items) {
             const QFileInfo info(TPieChart::entryPath(item.entry));
             if (!info.exists())
@@ -300,11 +305,19 @@ void TOpenSaveThread::openDocument()
             ++groupFiles;
             if (info.isFile())
                 groupBytes += info.size();
-            isFolder = info.isDir();
+            if (entries.isEmpty())
+                firstIsFolder = info.isDir();
+            folderMembers += info.isDir() ? 1 : 0;
+            if (!item.selected)
+                (info.isDir() ? keptFolders : keptFiles) += 1;
             if (item.selected)
                 selected.append(item.entry);
             entries.append(item.entry);
         }
+        const int fileMembers = int(entries.size()) - folderMembers;
+        const bool isFolder = folderMembers != fileMembers
+                                  ? folderMembers > fileMembers
+                                  : (keptFolders != keptFiles ? keptFolders > keptFiles : firstIsFolder);
         // A project written by hand may lack keys; derive one the way a scan would.
         const QString key = group.key.isEmpty() && !entries.isEmpty()
                                 ? groupKey(TPieChart::entryPath(entries.constFirst()))

@@ -309,6 +309,20 @@ private slots:
                <Item>%1/b.jpg_simlar_90</Item><Item>%1/c.jpg_simlar_91</Item></GroupItem>)"_s)
             << qint64(70) << KeyedGroups{{u"S"_s, {u"*a.jpg_simlar_87"_s, u"b.jpg_simlar_90"_s}}}
             << u"9 00:01:00"_s;
+        // A selected file that became a folder keeps its group a file group whatever the
+        // order, so removal refuses it instead of the group being read as folders.
+        for (const bool folderLast : {true, false}) {
+            const QString file = uR"(<Item selected="0">%1/a.txt</Item>)"_s;
+            const QString folder = uR"(<Item selected="1">%1/d</Item>)"_s;
+            QTest::addRow("selected member now a folder, listed %s", folderLast ? "last" : "first")
+                << Tree{{u"a.txt"_s, 5}, {u"d/"_s, 0}}
+                << project(u"<GroupItem key=\"K3\">"_s + (folderLast ? file + folder : folder + file) +
+                           u"</GroupItem>"_s)
+                << qint64(5)
+                << KeyedGroups{{u"K3"_s, folderLast ? QStringList{u"a.txt"_s, u"*d"_s}
+                                                    : QStringList{u"*d"_s, u"a.txt"_s}}}
+                << u"9 00:01:00"_s;
+        }
         QTest::newRow("missing key and attributes take their defaults")
             << Tree{{u"a"_s, 1}, {u"b"_s, 1}}
             << u"<Twinfold><groups><GroupItem><Item>%1/a</Item><Item>%1/b</Item></GroupItem></groups></Twinfold>"_s
