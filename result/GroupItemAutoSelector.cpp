@@ -91,52 +91,48 @@ bool keepsLastOnTie(int rule)
     return rule == SelectNewest || rule == SelectHighResolution || rule == SelectHighQuality;
 }
 
-// Milliseconds since the epoch, 0 when the time cannot be read. Read without local-time
-// conversion: the ranking needs only the order, and the conversion would serialise every
-// task on the C library's time-zone lock.
-qint64 modifiedMSecs(const QString &path)
-{
-    if (path.isEmpty())
-        return 0;
-    std::error_code error;
-    const auto written =
-        std::filesystem::last_write_time(std::filesystem::path(path.toStdU16String()), error);
-    if (error)
-        return 0;
-    const auto since = std::chrono::file_clock::to_sys(written).time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::milliseconds>(since).count();
-}
-
-// Unreadable facts take fixed values: time 0, size 0, a header of -1 x -1 (product 1).
-qint64 rankKey(const QString &entry, int rule)
-{
-    const QString path = GroupItem::realPath(entry);
-    switch (rule) {
-    case SelectNewest:
-    case SelectOldest: {
-        return modifiedMSecs(path);
-    }
-    case SelectByFilename:
-        return GroupItemAutoSelector::filenameScore(path);
-    case SelectHighResolution:
-    case SelectLowResolution: {
-        const QSize size = ImageItem::headerSize(path);
-        return qint64(size.width()) * qint64(size.height());
-    }
-    case SelectHighQuality:
-    case SelectLowQuality: {
-        const QFileInfo info(path);
-        return path.isEmpty() || !info.exists() ? 0 : info.size();
-    }
-    default:
-        return 0;
-    }
-}
-
 bool onDisk(const QString &entry)
 {
     const QString path = GroupItem::realPath(entry);
     return !path.isEmpty() && QFileInfo::exists(path);
+}
+
+// The member's rank under the rule, or nothing when its file is no longer on disk: only a
+// member still there can be the one that stays, since a vanished member ranks as oldest or
+// smallest and would otherwise leave every real copy selected. Each rule learns whether the
+// file is there from the one status call it needs anyway. An unreadable header counts as
+// -1 x -1 (product 1).
+std::optional<qint64> rankKey(const QString &path, int rule)
+{
+    if (path.isEmpty())
+        return std::nullopt;
+    switch (rule) {
+    case SelectNewest:
+    case SelectOldest: {
+        std::error_code error;
+        const auto written =
+            std::filesystem::last_write_time(std::filesystem::path(path.toStdU16String()), error);
+        if (error)
+            return std::nullopt;
+        // Read without local-time conversion: the ranking needs only the order, and the
+        // conversion would serialise every task on the C library's time-zone lock.
+        const auto since = std::chrono::file_clock::to_sys(written).time_since_epoch();
+        return std::chrono::duration_cast<std::chrono::milliseconds>(since).count();
+    }
+    case SelectHighQuality:
+    case SelectLowQuality: {
+        const QFileInfo info(path);
+        return info.exists() ? std::optional<qint64>(info.size()) : std::nullopt;
+    }
+    default:
+        break;
+    }
+    if (!QFileInfo::exists(path))
+        return std::nullopt;
+    if (rule == SelectByFilename)
+        return GroupItemAutoSelector::filenameScore(path);
+    const QSize size = ImageItem::headerSize(path);
+    return qint64(size.width()) * qint64(size.height());
 }
 
 // Every member except the listings of the kept file. A path listed twice is still one
@@ -153,14 +149,12 @@ QStringList allExcept(const QStringList &paths, const QString &kept)
     return selected;
 }
 
-// Only members still on disk can be the one that stays: a vanished member ranks as
-// oldest or smallest and would otherwise leave every real copy selected.
 QStringList selectRanked(const QStringList &paths, int rule)
 {
     QMap<qint64, QList<qsizetype>> byKey;
     for (qsizetype i = 0; i < paths.size(); ++i) {
-        if (onDisk(paths.at(i)))
-            byKey[rankKey(paths.at(i), rule)].append(i);
+        if (const std::optional<qint64> key = rankKey(GroupItem::realPath(paths.at(i)), rule))
+            byKey[*key].append(i);
     }
     if (byKey.isEmpty())
         return {};
