@@ -1,6 +1,7 @@
 #include "result/DeleteResult.h"
 #include "result/TFileDeleter.h"
 
+#include "PrivateTrash.h"
 #include "TestMain.h"
 
 #include <QDir>
@@ -43,14 +44,8 @@ private Q_SLOTS:
     void initTestCase()
     {
         QVERIFY(m_root.isValid());
-        // The trash must be inside this test's folder: the home trash lives under $HOME, and a
-        // source on another device would go to that device's own trash, so both are checked.
-        qputenv("XDG_DATA_HOME", m_root.filePath(u"xdg"_s).toLocal8Bit());
-        qputenv("HOME", m_root.filePath(u"home"_s).toLocal8Bit());
-        QVERIFY(QDir().mkpath(m_root.filePath(u"home"_s)));
-        m_trash = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) + u"/Trash"_s;
-        QVERIFY2(m_trash.startsWith(m_root.path() + u'/'), qPrintable(m_trash));
-        QCOMPARE(QStorageInfo(m_root.path()), QStorageInfo(QDir::home()));
+        m_trash = usePrivateTrash(m_root);
+        QVERIFY(!m_trash.isEmpty());
     }
 
     // Requests that must remove nothing: afterwards the row's folder holds exactly the one

@@ -1,6 +1,7 @@
 #include "result/TImageDeleteWorker.h"
 #include "scan/TFileData.h"
 
+#include "PrivateTrash.h"
 #include "TestMain.h"
 
 #include <QDir>
@@ -107,13 +108,7 @@ private Q_SLOTS:
     void initTestCase()
     {
         QVERIFY(m_root.isValid());
-        // The trash must be this test's own folder, as in the single-file test.
-        qputenv("XDG_DATA_HOME", m_root.filePath(u"xdg"_s).toLocal8Bit());
-        qputenv("HOME", m_root.filePath(u"home"_s).toLocal8Bit());
-        QVERIFY(QDir().mkpath(m_root.filePath(u"home"_s)));
-        QVERIFY(QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation)
-                    .startsWith(m_root.path() + u'/'));
-        QCOMPARE(QStorageInfo(m_root.path()), QStorageInfo(QDir::home()));
+        QVERIFY(!usePrivateTrash(m_root).isEmpty());
     }
 
     // "files | groups | selected | groups after | selection after | files gone"
