@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 #include <QMap>
@@ -58,24 +59,13 @@ public:
     QList<QStringList> byteGroups() const
     {
         QMap<QByteArray, QStringList> byContent;
-        QDir dir(m_root);
-        const auto walk = [&](const auto &self, const QString &folder) -> void {
-            const QFileInfoList entries =
-                QDir(folder).entryInfoList(QDir::Files | QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
-            for (const QFileInfo &e : entries) {
-                if (e.isDir()) {
-                    self(self, e.absoluteFilePath());
-                    continue;
-                }
-                QFile f(e.absoluteFilePath());
-                if (f.open(QIODevice::ReadOnly)) {
-                    const QByteArray all = f.readAll();
-                    if (!all.isEmpty())
-                        byContent[all].append(e.absoluteFilePath());
-                }
-            }
-        };
-        walk(walk, dir.absolutePath());
+        QDirIterator it(m_root, QDir::Files, QDirIterator::Subdirectories);
+        while (it.hasNext()) {
+            QFile f(it.next());
+            const QByteArray all = f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+            if (!all.isEmpty())
+                byContent[all].append(it.fileInfo().absoluteFilePath());
+        }
         QList<QStringList> groups;
         for (QStringList members : std::as_const(byContent)) {
             if (members.size() < 2)
