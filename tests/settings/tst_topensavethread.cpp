@@ -21,9 +21,6 @@ namespace {
 using Tree = QMap<QString, qint64>;
 // Member entries relative to the test folder; a leading '*' marks a selected entry.
 using Groups = QList<QStringList>;
-// Groups by key, entries as in Groups; a key with no entries stands for an empty selection
-// without a group.
-using KeyedGroups = QMap<QString, QStringList>;
 
 constexpr int kWaitMs = 120000;
 constexpr bool kOpen = true, kSave = false;
@@ -45,25 +42,23 @@ bool makeTree(const QString &root, const Tree &tree)
     return true;
 }
 
-QByteArray readFile(const QString &path)
+QString readText(const QString &path)
 {
     QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
 }
 
 QString logText()
 {
     TLogger::flush();
-    return QString::fromUtf8(readFile(TLogger::logDir(TLogger::appDir()) + u'/' + TLogger::todaysFileName()));
+    return readText(TLogger::logDir(TLogger::appDir()) + u'/' + TLogger::todaysFileName());
 }
 
 // Everything one run reported, in arrival order.
 struct Run
 {
     bool started = false;
-    int completions = 0;
-    int flag = -1;
-    int files = -1;
+    int completions = 0, flag = -1, files = -1;
     qint64 size = -1;
     QList<QPair<double, double>> progress;
     bool progressAfterCompletion = false;
@@ -89,20 +84,17 @@ Run runJob(TOpenSaveThread &thread, bool open, const QString &path, int count = 
         run.files = files;
         run.size = size;
     };
+    constexpr auto direct = Qt::DirectConnection;
     if (open) {
-        QObject::connect(&thread, &TOpenSaveThread::openProjectComplated, &context, completed,
-                         Qt::DirectConnection);
-        QObject::connect(&thread, &TOpenSaveThread::openProjectProcess, &context, progress,
-                         Qt::DirectConnection);
-        run.started = thread.openProject(path);
+        QObject::connect(&thread, &TOpenSaveThread::openProjectComplated, &context, completed, direct);
+        QObject::connect(&thread, &TOpenSaveThread::openProjectProcess, &context, progress, direct);
     } else {
         QObject::connect(
             &thread, &TOpenSaveThread::saveComplated, &context,
-            [completed](int flag) { completed(flag, -1, -1); }, Qt::DirectConnection);
-        QObject::connect(&thread, &TOpenSaveThread::saveProjectProcess, &context, progress,
-                         Qt::DirectConnection);
-        run.started = thread.saveProject(path, count, time);
+            [completed](int flag) { completed(flag, -1, -1); }, direct);
+        QObject::connect(&thread, &TOpenSaveThread::saveProjectProcess, &context, progress, direct);
     }
+    run.started = open ? thread.openProject(path) : thread.saveProject(path, count, time);
     if (run.started) {
         // A timeout shows as a missing completion in the caller's checks.
         (void)QTest::qWaitFor(
@@ -120,11 +112,6 @@ Run runJob(TOpenSaveThread &thread, bool open, const QString &path, int count = 
     return run;
 }
 
-QString plain(const QString &entry)
-{
-    return entry.startsWith(u'*') ? entry.mid(1) : entry;
-}
-
 // Fills the store from relative specs; returns the keys used, in order. A folder entry is
 // "path|files|bytes".
 QStringList fillStore(const QString &root, const Groups &files, const Groups &folders = {})
@@ -136,7 +123,7 @@ QStringList fillStore(const QString &root, const Groups &files, const Groups &fo
             QStringList entries, selected;
             FolderRecords records;
             for (const QString &entry : group) {
-                const QStringList field = plain(entry).split(u'|');
+                const QStringList field = entry.mid(entry.startsWith(u'*') ? 1 : 0).split(u'|');
                 entries.append(root + u'/' + field.at(0));
                 if (entry.startsWith(u'*'))
                     selected.append(entries.constLast());
@@ -153,22 +140,25 @@ QStringList fillStore(const QString &root, const Groups &files, const Groups &fo
     return keys;
 }
 
-// The groups and selections expected groups stand for; "#name" is the key a scan gives the
-// group whose first member is name, and a key without entries an empty selection alone.
-std::pair<QHash<QString, QStringList>, QHash<QString, QStringList>> resolve(const QString &root,
-                                                                            const KeyedGroups &groups)
+// The store's file groups as "key: members | selection" lines, paths relative to root; "#" stands
+// for the key a scan gives the group's first member, "-" for a selection without a group.
+QString dump(const QString &root)
 {
-    QHash<QString, QStringList> members, selections;
-    for (auto it = groups.cbegin(); it != groups.cend(); ++it) {
-        const QString key = it.key().startsWith(u'#') ? groupKey(root + u'/' + it.key().mid(1)) : it.key();
-        selections[key];
-        for (const QString &entry : it.value()) {
-            members[key].append(root + u'/' + plain(entry));
-            if (entry.startsWith(u'*'))
-                selections[key].append(members[key].constLast());
-        }
+    const TFileData &store = TFileData::instance();
+    QStringList keys = store.duplicateGroups.keys() + store.selectedFiles.keys(), lines;
+    keys.sort();
+    keys.removeDuplicates();
+    const auto relative = [&root](QStringList paths) {
+        return paths.replaceInStrings(root + u'/', QString());
+    };
+    for (const QString &key : std::as_const(keys)) {
+        const QStringList members = store.duplicateGroups.value(key);
+        const bool scanKey = !members.isEmpty() && key == groupKey(members.constFirst());
+        const QString shown = store.duplicateGroups.contains(key) ? relative(members).join(u' ') : u"-"_s;
+        lines.append((scanKey ? u"#"_s : key) + u": "_s + shown + u" | "_s +
+                     relative(store.selectedFiles.value(key)).join(u' '));
     }
-    return {members, selections};
+    return lines.join(u'\n');
 }
 } // namespace
 
@@ -186,10 +176,7 @@ class TestTOpenSaveThread : public QObject
     }
     static bool keptGroupOnly()
     {
-        const TFileData &store = TFileData::instance();
-        return store.duplicateGroups.keys() == QStringList{u"KEEP"_s} &&
-               store.selectedFiles.value(u"KEEP"_s) == QStringList{u"/keep/2"_s} &&
-               store.folderGroups.isEmpty();
+        return dump(u"/keep"_s) == u"KEEP: 1 2 | 2"_s && TFileData::instance().folderGroups.isEmpty();
     }
 
 private slots:
@@ -280,16 +267,17 @@ private slots:
     </groups>
 </Twinfold>
 )"_s;
-        QCOMPARE(QString::fromUtf8(readFile(project)), expected.arg(dir.path(), keys.value(0)));
+        QCOMPARE(readText(project), expected.arg(dir.path(), keys.value(0)));
     }
 
+    // Opening replaces whatever the store held with the file's groups as they are on disk now.
     void openHandWritten_data()
     {
         QTest::addColumn<Tree>("tree");
         QTest::addColumn<QString>("xml"); // %1 is the test folder
         QTest::addColumn<qint64>("expectedSize");
-        QTest::addColumn<KeyedGroups>("expected");
-        QTest::addColumn<QString>("counts"); // the file count and scan time read
+        QTest::addColumn<QString>("expected"); // as dump() writes it
+        QTest::addColumn<QString>("counts");   // the file count and scan time read
         const auto project = [](const QString &groups) -> QString {
             return uR"(<?xml version="1.0"?><Twinfold fileCount="9" scanTime="00:01:00" version="4.0.0"><groups>)"_s +
                    groups + u"</groups></Twinfold>"_s;
@@ -298,37 +286,34 @@ private slots:
             << Tree{{u"a.txt"_s, 5}, {u"b.txt"_s, 5}}
             << project(uR"(<GroupItem GroupType="0" GroupFlag="0" key="K1"><Item selected="1">%1/a.txt</Item>
                <Item selected="1">%1/gone.txt</Item><Item selected="0">%1/b.txt</Item></GroupItem>)"_s)
-            << qint64(10) << KeyedGroups{{u"K1"_s, {u"*a.txt"_s, u"b.txt"_s}}} << u"9 00:01:00"_s;
+            << qint64(10) << u"K1: a.txt b.txt | a.txt"_s << u"9 00:01:00"_s;
         QTest::newRow("group falling below two dropped, selection emptied")
             << Tree{{u"a.txt"_s, 5}} << project(uR"(<GroupItem key="K2"><Item selected="1">%1/a.txt</Item>
                <Item>%1/gone1.txt</Item><Item>%1/gone2.txt</Item></GroupItem>)"_s)
-            << qint64(0) << KeyedGroups{{u"K2"_s, {}}} << u"9 00:01:00"_s;
+            << qint64(0) << u"K2: - | "_s << u"9 00:01:00"_s;
         QTest::newRow("similar marker tested without, stored with")
             << Tree{{u"a.jpg"_s, 30}, {u"b.jpg"_s, 40}}
             << project(uR"(<GroupItem key="S"><Item selected="1">%1/a.jpg_simlar_87</Item>
                <Item>%1/b.jpg_simlar_90</Item><Item>%1/c.jpg_simlar_91</Item></GroupItem>)"_s)
-            << qint64(70) << KeyedGroups{{u"S"_s, {u"*a.jpg_simlar_87"_s, u"b.jpg_simlar_90"_s}}}
-            << u"9 00:01:00"_s;
+            << qint64(70) << u"S: a.jpg_simlar_87 b.jpg_simlar_90 | a.jpg_simlar_87"_s << u"9 00:01:00"_s;
         // A selected file that became a folder keeps its group a file group whatever the
         // order, so removal refuses it instead of the group being read as folders.
-        for (const bool folderLast : {true, false}) {
-            const QString file = uR"(<Item selected="0">%1/a.txt</Item>)"_s;
-            const QString folder = uR"(<Item selected="1">%1/d</Item>)"_s;
-            QTest::addRow("selected member now a folder, listed %s", folderLast ? "last" : "first")
-                << Tree{{u"a.txt"_s, 5}, {u"d/"_s, 0}}
-                << project(u"<GroupItem key=\"K3\">"_s + (folderLast ? file + folder : folder + file) +
-                           u"</GroupItem>"_s)
-                << qint64(5)
-                << KeyedGroups{{u"K3"_s, folderLast ? QStringList{u"a.txt"_s, u"*d"_s}
-                                                    : QStringList{u"*d"_s, u"a.txt"_s}}}
-                << u"9 00:01:00"_s;
-        }
+        const QString file = uR"(<Item selected="0">%1/a.txt</Item>)"_s,
+                      folder = uR"(<Item selected="1">%1/d</Item>)"_s;
+        QTest::newRow("selected member now a folder, listed last")
+            << Tree{{u"a.txt"_s, 5}, {u"d/"_s, 0}}
+            << project(u"<GroupItem key=\"K3\">"_s + file + folder + u"</GroupItem>"_s) << qint64(5)
+            << u"K3: a.txt d | d"_s << u"9 00:01:00"_s;
+        QTest::newRow("selected member now a folder, listed first")
+            << Tree{{u"a.txt"_s, 5}, {u"d/"_s, 0}}
+            << project(u"<GroupItem key=\"K3\">"_s + folder + file + u"</GroupItem>"_s) << qint64(5)
+            << u"K3: d a.txt | d"_s << u"9 00:01:00"_s;
         QTest::newRow("missing key and attributes take their defaults")
             << Tree{{u"a"_s, 1}, {u"b"_s, 1}}
             << u"<Twinfold><groups><GroupItem><Item>%1/a</Item><Item>%1/b</Item></GroupItem></groups></Twinfold>"_s
-            << qint64(2) << KeyedGroups{{u"#a"_s, {u"a"_s, u"b"_s}}} << u"0 00:00:00"_s;
+            << qint64(2) << u"#: a b | "_s << u"0 00:00:00"_s;
         QTest::newRow("no groups element opens empty")
-            << Tree{} << u"<Twinfold fileCount=\"3\" scanTime=\"00:00:09\"/>"_s << qint64(0) << KeyedGroups{}
+            << Tree{} << u"<Twinfold fileCount=\"3\" scanTime=\"00:00:09\"/>"_s << qint64(0) << QString()
             << u"3 00:00:09"_s;
     }
     void openHandWritten()
@@ -336,27 +321,25 @@ private slots:
         QFETCH(Tree, tree);
         QFETCH(QString, xml);
         QFETCH(qint64, expectedSize);
-        QFETCH(KeyedGroups, expected);
+        QFETCH(QString, expected);
         QFETCH(QString, counts);
         QTemporaryDir dir;
         QVERIFY(makeTree(dir.path(), tree));
         const QString project = dir.filePath(u"hand.dupproj"_s);
         QVERIFY(writeFile(project, xml.arg(dir.path()).toUtf8()));
-        addKeptGroup(); // opening replaces whatever the store held
+        addKeptGroup();
 
         TOpenSaveThread thread;
         const Run run = runJob(thread, kOpen, project);
         QVERIFY(run.started && run.completions == 1 && run.flag == 1);
         QCOMPARE(run.size, expectedSize);
-        const auto [members, selections] = resolve(dir.path(), expected);
-        qsizetype files = 0;
-        for (const QStringList &group : members)
-            files += group.size();
-        QCOMPARE(run.files, files);
         QCOMPARE(u"%1 %2"_s.arg(thread.fileCount()).arg(thread.scanTime()), counts);
         const TFileData &store = TFileData::instance();
-        QCOMPARE(store.duplicateGroups, members);
-        QCOMPARE(store.selectedFiles, selections);
+        QCOMPARE(dump(dir.path()), expected);
+        qsizetype files = 0;
+        for (const QStringList &group : store.duplicateGroups)
+            files += group.size();
+        QCOMPARE(run.files, files);
         QVERIFY(store.folderGroups.isEmpty());
     }
 
@@ -376,7 +359,13 @@ private slots:
         QRandomGenerator random(20241122);
         for (char &c : garbage)
             c = char(random.bounded(256));
-        const QByteArray groupItem = "<Twinfold><groups><GroupItem key=\"K\">";
+        const QByteArray groupItem = "<Twinfold><groups><GroupItem key=\"K\">",
+                         end = "</GroupItem></groups></Twinfold>";
+        QByteArray laughs =
+            "<?xml version=\"1.0\"?><!DOCTYPE Twinfold [<!ENTITY a0 \"" + QByteArray(80, 'a') + "\">";
+        for (int i = 1; i <= 6; ++i)
+            laughs += "<!ENTITY a" + QByteArray::number(i) + " \"" +
+                      QByteArray("&a" + QByteArray::number(i - 1) + ";").repeated(20) + "\">";
 
         QTest::newRow("empty file") << QByteArray() << parse;
         QTest::newRow("binary garbage") << garbage << parse;
@@ -385,25 +374,17 @@ private slots:
         QTest::newRow("mismatched tags") << QByteArray("<Twinfold><groups></GroupItem></Twinfold>") << parse;
         QTest::newRow("two roots") << QByteArray("<Twinfold/><Twinfold/>") << parse;
         QTest::newRow("forbidden character reference")
-            << groupItem + "<Item>&#1;</Item><Item>/b</Item></GroupItem></groups></Twinfold>" << parse;
+            << groupItem + "<Item>&#1;</Item><Item>/b</Item>" + end << parse;
         QTest::newRow("undeclared entity") << QByteArray("<Twinfold>&boom;</Twinfold>") << parse;
-        QByteArray laughs =
-            "<?xml version=\"1.0\"?><!DOCTYPE Twinfold [<!ENTITY a0 \"" + QByteArray(80, 'a') + "\">";
-        for (int i = 1; i <= 6; ++i)
-            laughs += "<!ENTITY a" + QByteArray::number(i) + " \"" +
-                      QByteArray("&a" + QByteArray::number(i - 1) + ";").repeated(20) + "\">";
         QTest::newRow("billion laughs")
-            << laughs + "]>" + groupItem +
-                   "<Item>&a6;</Item><Item>&a6;</Item></GroupItem></groups></Twinfold>"
-            << parse;
+            << laughs + "]>" + groupItem + "<Item>&a6;</Item><Item>&a6;</Item>" + end << parse;
         QTest::newRow("external entity")
-            << QByteArray(
-                   "<?xml version=\"1.0\"?><!DOCTYPE Twinfold [<!ENTITY x SYSTEM \"file:///etc/passwd\">]>") +
-                   groupItem + "<Item>&x;</Item><Item>/b</Item></GroupItem></groups></Twinfold>"
+            << "<?xml version=\"1.0\"?><!DOCTYPE Twinfold [<!ENTITY x SYSTEM \"file:///etc/passwd\">]>" +
+                   groupItem + "<Item>&x;</Item><Item>/b</Item>" + end
             << parse;
         QTest::newRow("deep nesting inside an item")
             << groupItem + "<Item>" + QByteArray("<i>").repeated(50000) + QByteArray("</i>").repeated(50000) +
-                   "</Item></GroupItem></groups></Twinfold>"
+                   "</Item>" + end
             << parse;
         QTest::newRow("unclosed deep nesting") << "<Twinfold>" + QByteArray("<a>").repeated(300000) << parse;
         QTest::newRow("root in the wrong case")
@@ -422,10 +403,7 @@ private slots:
         TOpenSaveThread thread;
         const Run run = runJob(thread, kOpen, path);
         QVERIFY(run.started && run.completions == 1);
-        QCOMPARE(run.flag, 0);
-        QCOMPARE(run.files, 0);
-        QCOMPARE(run.size, qint64(0));
-        QVERIFY(run.progress.isEmpty());
+        QVERIFY(run.flag == 0 && run.files == 0 && run.size == 0 && run.progress.isEmpty());
         QVERIFY2(logText().contains(logLine.arg(path)), qPrintable(logLine.arg(path)));
         QVERIFY(keptGroupOnly());
     }
@@ -477,21 +455,18 @@ private slots:
     {
         QFETCH(QString, kind);
         QTemporaryDir dir;
-        QString path = dir.filePath(kind);
-        if (kind == u"folder"_s) {
+        QString path = kind == u"empty path" ? QString() : dir.filePath(kind);
+        if (kind == u"folder")
             QVERIFY(QDir().mkpath(path));
-        } else if (kind == u"empty path"_s) {
-            path.clear();
 #ifdef Q_OS_UNIX
-        } else if (kind == u"fifo"_s) {
+        if (kind == u"fifo")
             QCOMPARE(::mkfifo(QFile::encodeName(path).constData(), 0600), 0);
-        } else if (kind == u"unreadable"_s) {
-            QVERIFY(writeFile(path, "<Twinfold/>"));
-            QVERIFY(QFile::setPermissions(path, QFileDevice::WriteOwner));
+        if (kind == u"unreadable") {
+            QVERIFY(writeFile(path, "<Twinfold/>") && QFile::setPermissions(path, QFileDevice::WriteOwner));
             if (QFile(path).open(QIODevice::ReadOnly))
                 QSKIP("Running with rights that read any file.");
-#endif
         }
+#endif
         TOpenSaveThread thread;
         const Run run = runJob(thread, kOpen, path);
         QVERIFY(!run.started && run.completions == 0 && !thread.isRunning());
@@ -521,7 +496,7 @@ private slots:
     {
         QTemporaryDir dir;
         QVERIFY(makeTree(dir.path(), {{u"ctl\u0001.txt"_s, 4}, {u"a.txt"_s, 4}, {u"b.txt"_s, 4}}));
-        const QString key = fillStore(dir.path(), {{u"*ctl\u0001.txt"_s, u"a.txt"_s, u"*b.txt"_s}}).value(0);
+        fillStore(dir.path(), {{u"*ctl\u0001.txt"_s, u"a.txt"_s, u"*b.txt"_s}});
         TFileData &store = TFileData::instance();
         store.addDuplicateGroup(u"LONE"_s, {u"/x/\xD800.txt"_s, u"/x/y.txt"_s});
 
@@ -531,13 +506,10 @@ private slots:
         QVERIFY(logText().contains(u"2 entries left out"_s));
         store.clear();
         const Run run = runJob(thread, kOpen, project);
-        QCOMPARE(run.flag, 1);
-        QCOMPARE(run.files, 2);
-        QCOMPARE(run.size, qint64(8));
-        QCOMPARE(store.duplicateGroups.value(key),
-                 (QStringList{dir.filePath(u"a.txt"_s), dir.filePath(u"b.txt"_s)}));
-        QCOMPARE(store.selectedFiles.value(key), QStringList{dir.filePath(u"b.txt"_s)});
-        QVERIFY(!store.duplicateGroups.contains(u"LONE"_s));
+        QVERIFY(run.flag == 1 && run.files == 2 && run.size == 8);
+        // The key stays that of the first member as saved.
+        QCOMPARE(dump(dir.path()),
+                 u"%1: a.txt b.txt | b.txt"_s.arg(groupKey(dir.filePath(u"ctl\u0001.txt"_s))));
     }
 
     // Progress rises strictly from 0 to the last group, at most about once per thousandth,
