@@ -16,7 +16,9 @@
 #include <QVariant>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
+#include <bit>
 #include <chrono>
 #include <filesystem>
 #include <optional>
@@ -26,6 +28,29 @@ struct Lexicon
 {
     QStringList words;
     QRegularExpression numbered;
+    // Words by their first character, as bit masks over `words`, so one pass over a text
+    // finds every word in it: the rule runs for every new group during matching.
+    std::array<quint64, 128> asciiStarts{};
+    quint64 otherStarts = 0;
+    qsizetype newIndex = -1;
+
+    // Bit i is set when words[i] occurs in text.
+    quint64 wordsIn(QStringView text) const
+    {
+        quint64 found = 0;
+        for (qsizetype i = 0; i < text.size(); ++i) {
+            const char16_t c = text[i].unicode();
+            quint64 candidates = c < 128 ? asciiStarts[c] : otherStarts;
+            candidates &= ~found;
+            while (candidates) {
+                const int w = std::countr_zero(candidates);
+                candidates &= candidates - 1;
+                if (text.sliced(i).startsWith(words.at(w)))
+                    found |= quint64(1) << w;
+            }
+        }
+        return found;
+    }
 };
 
 // Shared read-only by every task; built once under the static's thread-safe initialisation.
@@ -73,6 +98,15 @@ const Lexicon &lexicon()
                                          QRegularExpression::CaseInsensitiveOption);
         // Compile now so that concurrent matching only reads the pattern.
         lx.numbered.optimize();
+        static_assert(sizeof(quint64) * 8 >= 34);
+        for (qsizetype w = 0; w < lx.words.size(); ++w) {
+            const char16_t first = lx.words.at(w).front().unicode();
+            if (first < 128)
+                lx.asciiStarts[first] |= quint64(1) << w;
+            else
+                lx.otherStarts |= quint64(1) << w;
+        }
+        lx.newIndex = lx.words.indexOf(QStringLiteral("new"));
         return lx;
     }();
     return lexicon;
@@ -265,16 +299,13 @@ qint32 GroupItemAutoSelector::filenameScore(const QString &path)
     const QFileInfo info(path);
     const QString name = info.fileName().toLower();
     const QString dir = info.absolutePath().toLower();
-    const QString newWord = QStringLiteral("new");
+    const quint64 newBit = quint64(1) << lx.newIndex;
+    const quint64 inName = lx.wordsIn(name);
+    const quint64 inDir = lx.wordsIn(dir);
 
     qint32 score = 100;
-    for (const QString &word : lx.words) {
-        const bool isNew = word == newWord;
-        if (name.contains(word))
-            score -= isNew ? 20 : 50;
-        if (dir.contains(word))
-            score -= isNew ? 20 : 30;
-    }
+    score -= 50 * std::popcount(inName & ~newBit) + ((inName & newBit) ? 20 : 0);
+    score -= 30 * std::popcount(inDir & ~newBit) + ((inDir & newBit) ? 20 : 0);
     QRegularExpressionMatchIterator it = lx.numbered.globalMatch(name);
     while (it.hasNext()) {
         it.next();
