@@ -19,11 +19,16 @@ public:
     // Opens `path` for unbuffered reading when it is a regular file (never waiting on a
     // pipe or device) and returns the identity of what was opened; invalid, with `file`
     // closed, otherwise. One open and one status call, where a check by path followed
-    // by an open would walk the path twice and could be raced.
-    static FileIdentity openRegular(const QString &path, QFile &file);
+    // by an open would walk the path twice and could be raced. `size`, when given, gets the
+    // size that same status call read.
+    static FileIdentity openRegular(const QString &path, QFile &file, qint64 *size = nullptr);
     // True for entries the user normally does not see: on Linux a name starting with a
     // dot, on Windows the hidden or system attribute. False when the path cannot be read.
     static bool isHiddenOrSystem(const QString &path);
+    // Whether hashing through a memory mapping is safe while other programs work on the
+    // file. Windows refuses to shorten a mapped file; Linux lets it happen, and the next
+    // touch of a page past the new end kills the reading process.
+    static bool mappingSurvivesTruncation();
 
     bool isValid() const { return valid; }
     quint64 device() const { return dev; }

@@ -14,7 +14,7 @@ FileIdentity FileIdentity::of(const QString &path)
     return FileIdentity(static_cast<quint64>(st.st_dev), static_cast<quint64>(st.st_ino));
 }
 
-FileIdentity FileIdentity::openRegular(const QString &path, QFile &file)
+FileIdentity FileIdentity::openRegular(const QString &path, QFile &file, qint64 *size)
 {
     if (path.isEmpty())
         return FileIdentity();
@@ -28,7 +28,14 @@ FileIdentity FileIdentity::openRegular(const QString &path, QFile &file)
         ::close(fd);
         return FileIdentity();
     }
+    if (size)
+        *size = static_cast<qint64>(st.st_size);
     return FileIdentity(static_cast<quint64>(st.st_dev), static_cast<quint64>(st.st_ino));
+}
+
+bool FileIdentity::mappingSurvivesTruncation()
+{
+    return false;
 }
 
 bool FileIdentity::isHiddenOrSystem(const QString &path)

@@ -21,11 +21,13 @@ FileIdentity FileIdentity::of(const QString &path)
     CloseHandle(h);
     if (!ok)
         return FileIdentity();
+    if (size)
+        *size = static_cast<qint64>((static_cast<quint64>(info.nFileSizeHigh) << 32) | info.nFileSizeLow);
     const quint64 index = (static_cast<quint64>(info.nFileIndexHigh) << 32) | info.nFileIndexLow;
     return FileIdentity(static_cast<quint64>(info.dwVolumeSerialNumber), index);
 }
 
-FileIdentity FileIdentity::openRegular(const QString &path, QFile &file)
+FileIdentity FileIdentity::openRegular(const QString &path, QFile &file, qint64 *size)
 {
     file.setFileName(path);
     if (path.isEmpty() || !file.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
@@ -40,6 +42,11 @@ FileIdentity FileIdentity::openRegular(const QString &path, QFile &file)
     }
     const quint64 index = (static_cast<quint64>(info.nFileIndexHigh) << 32) | info.nFileIndexLow;
     return FileIdentity(static_cast<quint64>(info.dwVolumeSerialNumber), index);
+}
+
+bool FileIdentity::mappingSurvivesTruncation()
+{
+    return true;
 }
 
 bool FileIdentity::isHiddenOrSystem(const QString &path)

@@ -98,7 +98,10 @@ QByteArray sampledKey(QFile &file, qint64 n)
 QByteArray wholeContentKey(QFile &file, const QString &path, qint64 size, int driveType)
 {
     // Small files are read: for them a mapping's set-up and unmap cost more than the copy.
-    if (driveType != OtherBus && size > kReadLimit && size <= kMapLimit) {
+    // Where another program could shorten the file under the mapping, it is read too: a
+    // read just comes back short, a mapping would crash the scan.
+    if (driveType != OtherBus && size > kReadLimit && size <= kMapLimit &&
+        FileIdentity::mappingSurvivesTruncation()) {
         if (uchar *mapped = file.map(0, size)) {
             const XXH64_hash_t digest = XXH3_64bits(mapped, size_t(size));
             file.unmap(mapped);
@@ -204,7 +207,9 @@ void DuplicateFileFinder::run()
         processDirectories();
 
     sizeGroups = SizeGroups();
-    allFiles.clear();
+    // Released, not cleared: the list is shared with the controller, and clear() would
+    // allocate a fresh one of the same capacity.
+    allFiles = QStringList();
     {
         QMutexLocker locker(&mutex);
         m_dirStats.clear();
@@ -227,7 +232,7 @@ void DuplicateFileFinder::processDuplicates()
         finishedBuckets = 0;
     }
 
-    const QList<QList<FileMeta>> buckets = sizeGroups.values();
+    QList<QList<FileMeta>> buckets = sizeGroups.values();
     QList<QList<FileMeta>> candidates;
     mapOnPool(buckets, [&](const QList<FileMeta> &bucket) {
         if (bucket.size() >= 2) {
@@ -238,6 +243,11 @@ void DuplicateFileFinder::processDuplicates()
             m_uniqueImages.append(bucket.constFirst().filePath);
         }
     });
+
+    // From here on only the candidate buckets are read. Releasing the rest of the input
+    // now rather than at the end of the run keeps it out of the scan's peak memory.
+    buckets = {};
+    sizeGroups = SizeGroups();
 
     const qsizetype total = candidates.size();
     {
@@ -287,11 +297,12 @@ void DuplicateFileFinder::processBucket(const QList<FileMeta> &bucket, QMutex &w
             } else {
                 // One open serves the identity check and the digest.
                 QFile file;
-                const FileIdentity identity = FileIdentity::openRegular(meta.filePath, file);
+                qint64 current = 0;
+                const FileIdentity identity = FileIdentity::openRegular(meta.filePath, file, &current);
                 if (!identity.isValid() || seen.contains(identity))
                     continue;
                 seen.insert(identity);
-                key = hashOpenFile(scanMethod, file, meta.filePath, meta.size, meta.driveType);
+                key = hashOpenFile(scanMethod, file, current, meta.filePath, meta.size, meta.driveType);
             }
             ++distinct;
             lone = meta.filePath;
@@ -394,9 +405,10 @@ QByteArray DuplicateFileFinder::calculateFileHash(int method, const QString &pat
 {
     if (method != FileName) {
         QFile file;
-        if (!FileIdentity::openRegular(path, file).isValid())
+        qint64 current = 0;
+        if (!FileIdentity::openRegular(path, file, &current).isValid())
             return {};
-        return hashOpenFile(method, file, path, knownSize, driveType);
+        return hashOpenFile(method, file, current, path, knownSize, driveType);
     }
     return guardedDigest([&]() -> QByteArray {
         // Only regular files: opening a pipe or device could block or never end.
@@ -407,11 +419,10 @@ QByteArray DuplicateFileFinder::calculateFileHash(int method, const QString &pat
     });
 }
 
-QByteArray DuplicateFileFinder::hashOpenFile(int method, QFile &file, const QString &path, qint64 knownSize,
-                                             int driveType)
+QByteArray DuplicateFileFinder::hashOpenFile(int method, QFile &file, qint64 current, const QString &path,
+                                             qint64 knownSize, int driveType)
 {
     return guardedDigest([&]() -> QByteArray {
-        const qint64 current = file.size();
         if (current < 1)
             return {};
         if (method == WholeContent) {

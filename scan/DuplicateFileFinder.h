@@ -52,9 +52,10 @@ public:
     // Content key of one file, empty when the file cannot be read or no longer has the
     // size the walk saw. knownSize < 0 means the walk's size is unknown.
     static QByteArray calculateFileHash(int method, const QString &path, qint64 knownSize, int driveType);
-    // The content or sampled digest of a file the caller has opened.
-    static QByteArray hashOpenFile(int method, QFile &file, const QString &path, qint64 knownSize,
-                                   int driveType);
+    // The content or sampled digest of a file the caller has opened; `current` is its size
+    // as of the open.
+    static QByteArray hashOpenFile(int method, QFile &file, qint64 current, const QString &path,
+                                   qint64 knownSize, int driveType);
 
 signals:
     void progressUpdated(int progressType, double percent);

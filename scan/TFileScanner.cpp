@@ -185,7 +185,9 @@ void TFileScanner::flushBatch()
         const SignalFence fence;
         emit filesFound(t_batch);
     }
-    t_batch.clear();
+    // Drop the reference rather than clear(): the queued signal shares the list, and
+    // clearing a shared list allocates a fresh one of the same capacity.
+    t_batch = QList<FileMeta>();
 }
 
 void TFileScanner::run()
