@@ -61,15 +61,8 @@ void CliText::applyRule(int rule, const QMap<QString, qint32> &priority)
     GroupItemAutoSelector::autoSelectAllEx(groups, rule, priority);
 }
 
-void CliText::summary(const QList<ResultPrinter::Group> &groups, qint64 scannedFiles, qint64 seconds)
+void CliText::summary(const ResultPrinter::Totals &totals, qint64 scannedFiles, qint64 seconds)
 {
-    qint64 members = 0;
-    qint64 reclaimable = 0;
-    for (const auto &group : groups) {
-        members += group.members.size();
-        for (qsizetype i = 1; i < group.members.size(); ++i)
-            reclaimable += group.members.at(i).size;
-    }
-    err() << scannedFiles << " files scanned in " << seconds << " s: " << groups.size() << " groups, "
-          << members << " members, " << reclaimable << " bytes in extra copies" << Qt::endl;
+    err() << scannedFiles << " files scanned in " << seconds << " s: " << totals.groups << " groups, "
+          << totals.members << " members, " << totals.reclaimable << " bytes in extra copies" << Qt::endl;
 }

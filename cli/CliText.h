@@ -21,5 +21,5 @@ public:
     static int ruleOf(const QString &name);
     // Applies a selection rule to every group of the result store.
     static void applyRule(int rule, const QMap<QString, qint32> &priority);
-    static void summary(const QList<ResultPrinter::Group> &groups, qint64 scannedFiles, qint64 seconds);
+    static void summary(const ResultPrinter::Totals &totals, qint64 scannedFiles, qint64 seconds);
 };

@@ -4,6 +4,7 @@
 #include "app/ReadWriteLockGuard.h"
 #include "result/GroupItem.h"
 #include "scan/FileCategory.h"
+#include "scan/PoolMap.h"
 #include "scan/TFileData.h"
 
 #include <QFileInfo>
@@ -64,40 +65,107 @@ QString csvField(const QString &value)
 }
 } // namespace
 
-QList<ResultPrinter::Group> ResultPrinter::collect()
+QList<ResultPrinter::GroupRef> ResultPrinter::order(const TFileData &store)
 {
-    auto &store = TFileData::instance();
-    ReadWriteLockGuard locker(store.lock, ReadWriteLockGuard::Read);
-    QList<Group> groups;
-    groups.reserve(store.duplicateGroups.size() + store.folderGroups.size());
-    for (auto it = store.duplicateGroups.cbegin(); it != store.duplicateGroups.cend(); ++it) {
-        const QSet<QString> selected(store.selectedFiles.value(it.key()).cbegin(),
-                                     store.selectedFiles.value(it.key()).cend());
-        Group group{it.key(), QStringLiteral("files"), {}};
-        for (const QString &entry : it.value()) {
-            Member m = memberOf(entry);
-            if (m.similarity >= 0)
-                group.kind = QStringLiteral("similar");
-            m.size = QFileInfo(m.path).size();
-            m.selected = selected.contains(entry);
-            group.members.append(m);
-        }
-        groups.append(group);
-    }
-    for (auto it = store.folderGroups.cbegin(); it != store.folderGroups.cend(); ++it) {
-        const QStringList selected = store.selectedFiles.value(it.key());
-        Group group{it.key(), QStringLiteral("folders"), {}};
-        for (const FolderRecord &folder : it.value())
-            group.members.append(
-                Member{folder.folderPath, folder.totalSize, selected.contains(folder.folderPath), -1});
-        groups.append(group);
-    }
-    std::sort(groups.begin(), groups.end(), [](const Group &a, const Group &b) {
-        const QString fa = a.members.isEmpty() ? QString() : a.members.constFirst().path;
-        const QString fb = b.members.isEmpty() ? QString() : b.members.constFirst().path;
-        return fa != fb ? fa < fb : a.key < b.key;
+    QList<GroupRef> refs;
+    refs.reserve(store.duplicateGroups.size() + store.folderGroups.size());
+    for (auto it = store.duplicateGroups.cbegin(); it != store.duplicateGroups.cend(); ++it)
+        refs.append(GroupRef{it.key(),
+                             it.value().isEmpty() ? QString() : GroupItem::realPath(it.value().constFirst()),
+                             false});
+    for (auto it = store.folderGroups.cbegin(); it != store.folderGroups.cend(); ++it)
+        refs.append(
+            GroupRef{it.key(), it.value().isEmpty() ? QString() : it.value().constFirst().folderPath, true});
+    std::sort(refs.begin(), refs.end(), [](const GroupRef &a, const GroupRef &b) {
+        const int order = a.firstPath.compare(b.firstPath);
+        return order != 0 ? order < 0 : a.key < b.key;
     });
-    return groups;
+    return refs;
+}
+
+ResultPrinter::Group ResultPrinter::groupOf(const TFileData &store, const GroupRef &ref)
+{
+    const QStringList selectedList = store.selectedFiles.value(ref.key);
+    Group group{ref.key, ref.folders ? QStringLiteral("folders") : QStringLiteral("files"), {}};
+    if (ref.folders) {
+        for (const FolderRecord &folder : store.folderGroups.value(ref.key))
+            group.members.append(
+                Member{folder.folderPath, folder.totalSize, selectedList.contains(folder.folderPath), -1});
+        return group;
+    }
+    const QStringList entries = store.duplicateGroups.value(ref.key);
+    const QSet<QString> selected(selectedList.cbegin(), selectedList.cend());
+    group.members.reserve(entries.size());
+    for (const QString &entry : entries) {
+        Member m = memberOf(entry);
+        if (m.similarity >= 0)
+            group.kind = QStringLiteral("similar");
+        m.size = -1; // read by the caller when wanted
+        m.selected = selected.contains(entry);
+        group.members.append(m);
+    }
+    return group;
+}
+
+ResultPrinter::Totals ResultPrinter::print(QTextStream &out, Format format, qint64 scannedFiles,
+                                           bool readSizes)
+{
+    // Groups are built and printed a slice at a time: a large result printed from one
+    // complete copy would be the scan's peak memory.
+    constexpr qsizetype kSlice = 512;
+    const TFileData &store = TFileData::instance();
+    ReadWriteLockGuard locker(store.lock, ReadWriteLockGuard::Read);
+    const QList<GroupRef> refs = order(store);
+    readSizes = readSizes || format != Text;
+
+    Totals totals;
+    totals.groups = refs.size();
+    if (format == Json)
+        out << "{\"version\":" << jsonString(AppInfo::version()) << ",\"scannedFiles\":" << scannedFiles
+            << ",\"groups\":[";
+    else if (format == Csv)
+        out << "key,kind,path,size,selected\r\n";
+    for (qsizetype start = 0; start < refs.size(); start += kSlice) {
+        QList<Group> slice;
+        slice.reserve(std::min(kSlice, refs.size() - start));
+        for (qsizetype i = start; i < std::min(start + kSlice, refs.size()); ++i)
+            slice.append(groupOf(store, refs.at(i)));
+        if (readSizes) {
+            // One status query per file, spread over the pool: a large result has tens of
+            // thousands of members and the user is waiting for the output.
+            QList<Group *> pending;
+            pending.reserve(slice.size());
+            for (Group &group : slice)
+                pending.append(&group);
+            mapOnPool(pending, [](Group *group) {
+                for (Member &m : group->members) {
+                    if (m.size < 0)
+                        m.size = QFileInfo(m.path).size();
+                }
+            });
+        }
+        for (qsizetype i = 0; i < slice.size(); ++i) {
+            const Group &group = slice.at(i);
+            totals.members += group.members.size();
+            for (qsizetype m = 1; m < group.members.size(); ++m)
+                totals.reclaimable += std::max<qint64>(0, group.members.at(m).size);
+            switch (format) {
+            case Text:
+                printText(out, group);
+                break;
+            case Json:
+                printJson(out, group, start + i == 0);
+                break;
+            case Csv:
+                printCsv(out, group);
+                break;
+            }
+        }
+    }
+    if (format == Json)
+        out << (refs.isEmpty() ? "]}\n" : "\n]}\n");
+    out.flush();
+    return totals;
 }
 
 bool ResultPrinter::parseFormat(const QString &name, Format *format)
@@ -113,63 +181,36 @@ bool ResultPrinter::parseFormat(const QString &name, Format *format)
     return true;
 }
 
-void ResultPrinter::print(QTextStream &out, const QList<Group> &groups, Format format, qint64 scannedFiles)
-{
-    switch (format) {
-    case Text:
-        printText(out, groups);
-        break;
-    case Json:
-        printJson(out, groups, scannedFiles);
-        break;
-    case Csv:
-        printCsv(out, groups);
-        break;
-    }
-    out.flush();
-}
-
-void ResultPrinter::printText(QTextStream &out, const QList<Group> &groups)
+void ResultPrinter::printText(QTextStream &out, const Group &group)
 {
     // One path per line and a blank line after each group, as long-standing Unix
     // duplicate tools print, so existing scripts can read it.
-    for (const Group &group : groups) {
-        for (const Member &m : group.members)
-            out << m.path << '\n';
-        out << '\n';
-    }
+    for (const Member &m : group.members)
+        out << m.path << '\n';
+    out << '\n';
 }
 
-void ResultPrinter::printJson(QTextStream &out, const QList<Group> &groups, qint64 scannedFiles)
+void ResultPrinter::printJson(QTextStream &out, const Group &group, bool first)
 {
     // Written by hand rather than through QJsonObject, which sorts keys: the documented
     // key order is part of the output, and streaming avoids a second copy of the result.
-    out << "{\"version\":" << jsonString(AppInfo::version()) << ",\"scannedFiles\":" << scannedFiles
-        << ",\"groups\":[";
-    for (qsizetype g = 0; g < groups.size(); ++g) {
-        const Group &group = groups.at(g);
-        out << (g ? ",\n" : "\n") << "{\"key\":" << jsonString(group.key)
-            << ",\"kind\":" << jsonString(group.kind) << ",\"members\":[";
-        for (qsizetype i = 0; i < group.members.size(); ++i) {
-            const Member &m = group.members.at(i);
-            out << (i ? "," : "") << "{\"path\":" << jsonString(m.path) << ",\"size\":" << m.size
-                << ",\"selected\":" << (m.selected ? "true" : "false");
-            if (m.similarity >= 0)
-                out << ",\"similarity\":" << m.similarity;
-            out << '}';
-        }
-        out << "]}";
+    out << (first ? "\n" : ",\n") << "{\"key\":" << jsonString(group.key)
+        << ",\"kind\":" << jsonString(group.kind) << ",\"members\":[";
+    for (qsizetype i = 0; i < group.members.size(); ++i) {
+        const Member &m = group.members.at(i);
+        out << (i ? "," : "") << "{\"path\":" << jsonString(m.path) << ",\"size\":" << m.size
+            << ",\"selected\":" << (m.selected ? "true" : "false");
+        if (m.similarity >= 0)
+            out << ",\"similarity\":" << m.similarity;
+        out << '}';
     }
-    out << (groups.isEmpty() ? "]}\n" : "\n]}\n");
+    out << "]}";
 }
 
-void ResultPrinter::printCsv(QTextStream &out, const QList<Group> &groups)
+void ResultPrinter::printCsv(QTextStream &out, const Group &group)
 {
-    out << "key,kind,path,size,selected\r\n";
-    for (const Group &group : groups) {
-        for (const Member &m : group.members) {
-            out << group.key << ',' << group.kind << ',' << csvField(m.path) << ',' << m.size << ','
-                << (m.selected ? "true" : "false") << "\r\n";
-        }
+    for (const Member &m : group.members) {
+        out << group.key << ',' << group.kind << ',' << csvField(m.path) << ',' << m.size << ','
+            << (m.selected ? "true" : "false") << "\r\n";
     }
 }

@@ -4,6 +4,8 @@
 #include <QString>
 #include <QTextStream>
 
+class TFileData;
+
 // Prints the groups of the result store in the command line's output formats.
 class ResultPrinter
 {
@@ -29,13 +31,28 @@ public:
         QList<Member> members;
     };
 
-    // The store's groups in a stable order (by first member path), sizes read from disk.
-    static QList<Group> collect();
+    struct Totals
+    {
+        qsizetype groups = 0;
+        qint64 members = 0;
+        qint64 reclaimable = 0; // bytes in all members but each group's first
+    };
+
     static bool parseFormat(const QString &name, Format *format);
-    static void print(QTextStream &out, const QList<Group> &groups, Format format, qint64 scannedFiles);
+    // Prints the store's groups in a stable order (by first member path, then key), with
+    // sizes read from disk; `readSizes` asks for them in text output too, for the totals.
+    static Totals print(QTextStream &out, Format format, qint64 scannedFiles, bool readSizes = false);
 
 private:
-    static void printText(QTextStream &out, const QList<Group> &groups);
-    static void printJson(QTextStream &out, const QList<Group> &groups, qint64 scannedFiles);
-    static void printCsv(QTextStream &out, const QList<Group> &groups);
+    struct GroupRef
+    {
+        QString key;
+        QString firstPath;
+        bool folders = false;
+    };
+    static QList<GroupRef> order(const TFileData &store);
+    static Group groupOf(const TFileData &store, const GroupRef &ref);
+    static void printText(QTextStream &out, const Group &group);
+    static void printJson(QTextStream &out, const Group &group, bool first);
+    static void printCsv(QTextStream &out, const Group &group);
 };

@@ -324,10 +324,10 @@ void ScanCommand::onComplete()
         CliText::applyRule(selectRule, preferences->selection->mapPriority);
 
     const auto finish = [this] {
-        const QList<ResultPrinter::Group> groups = ResultPrinter::collect();
-        ResultPrinter::print(CliText::out(), groups, format, controller->scannedFileCount());
+        const ResultPrinter::Totals totals =
+            ResultPrinter::print(CliText::out(), format, controller->scannedFileCount(), showProgress);
         if (showProgress)
-            CliText::summary(groups, controller->scannedFileCount(), controller->elapsedSecondsCount());
+            CliText::summary(totals, controller->scannedFileCount(), controller->elapsedSecondsCount());
         if (interrupted)
             CliText::err() << "twinfold-cli: scan interrupted; the groups above are incomplete" << Qt::endl;
         else if (preferences->general->hasSimilar && ImageCacheManager::instance().isIncomplete())

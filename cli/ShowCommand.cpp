@@ -39,6 +39,6 @@ int ShowCommand::run(const QStringList &arguments)
     QString error;
     if (!ProjectFile::open(path, &fileCount, &scanTime, &error))
         return CliText::failure(error);
-    ResultPrinter::print(CliText::out(), ResultPrinter::collect(), format, fileCount);
+    ResultPrinter::print(CliText::out(), format, fileCount);
     return 0;
 }
