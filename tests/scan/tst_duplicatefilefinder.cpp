@@ -195,39 +195,37 @@ private slots:
         }
     }
 
-    // Files are ';'-separated "name:size:seed" (the content drawn from the seed; "^n" flips
-    // byte n) or "name>target" for a link. The input lists names in order ("" for every file;
-    // "name@size" a file the walk saw that is not there); changed files are removed after the
-    // walk, or shrunk when written "~name". The group "*" is what a byte comparison finds.
+    // The input: ';'-separated "name:size:seed", a file of random bytes drawn from the seed ("^n"
+    // flips byte n; seed "-" lists a file the walk saw that is not there), "name>target" a link
+    // to a file, or a bare name listing a file again. Changed files are removed after the walk,
+    // or shrunk when written "~name"; the group "*" is what a byte comparison finds.
     void runs_data()
     {
         QTest::addColumn<QString>("files");
-        QTest::addColumn<QString>("input");
         QTest::addColumn<QString>("changed");
         QTest::addColumn<QString>("group");
         QTest::addColumn<QString>("images");
         QTest::addColumn<QList<int>>("methods");
         QTest::addColumn<int>("drive");
-        const auto row = [](const char *name, const QString &files, const char *input, const char *changed,
-                            const char *group, const QList<int> &methods = {0, 2}, const char *images = "",
+        const auto row = [](const char *name, const QString &files, const char *changed, const char *group,
+                            const QList<int> &methods = {0, 2}, const char *images = "",
                             int drive = SolidState) {
-            QTest::newRow(name) << files << QString::fromLatin1(input) << QString::fromLatin1(changed)
-                                << QString::fromLatin1(group) << QString::fromLatin1(images) << methods
-                                << drive;
+            QTest::newRow(name) << files << QString::fromLatin1(changed) << QString::fromLatin1(group)
+                                << QString::fromLatin1(images) << methods << drive;
         };
-        const QString x = u"x1:30000:3;x2:30000:3;x3:30000:3;other/x1:30000:4;link>x1"_s;
-        row("deleted after the walk", x, "x1,x2,x3", "x2", "x1,x3");
-        row("only one left", x, "x1,x2,x3", "x1,x3", "");
-        row("shrank after the walk", x, "x1,x2,x3", "~x1,~x2", "");
-        row("same path twice", x, "x1,x1", "", "", {0, 1, 2});
-        row("link to a listed file", x, "x1,link", "", "");
-        row("repeat beside a copy", x, "x1,x2,x1", "", "x1,x2");
-        row("same name, other content", x, "x1,other/x1", "", "x1,other/x1", {1});
+        const QString x = u"x1:30000:3;x2:30000:3;x3:30000:3"_s;
+        row("deleted after the walk", x, "x2", "x1,x3");
+        row("only one left", x, "x1,x3", "");
+        row("shrank after the walk", x, "~x1,~x2", "");
+        row("same path twice", u"x1:30000:3;x1"_s, "", "", {0, 1, 2});
+        row("link to a listed file", u"x1:30000:3;link>x1"_s, "", "");
+        row("repeat beside a copy", u"x1:30000:3;x2:30000:3;x1"_s, "", "x1,x2");
+        row("same name, other content", u"x1:30000:3;other/x1:30000:4"_s, "", "x1,other/x1", {1});
         // An image alone in its size, or that could not be read, is unique.
         row("unique images",
-            u"a.png:500:1;b.png:500:2;c.jpg:600:3;d.jpg:600:3;e.jpg:700:4;f.jpg:700:4;g.txt:800:5"_s,
-            "a.png,b.png,c.jpg,d.jpg,e.jpg,f.jpg,g.txt,never/existed.jpg@12345,missing.txt@99", "f.jpg",
-            "c.jpg,d.jpg", {0}, "a.png,b.png,e.jpg,never/existed.jpg");
+            u"a.png:500:1;b.png:500:2;c.jpg:600:3;d.jpg:600:3;e.jpg:700:4;f.jpg:700:4;g.txt:800:5;"
+            "never/existed.jpg:12345:-;missing.txt:99:-"_s,
+            "f.jpg", "c.jpg,d.jpg", {0}, "a.png,b.png,e.jpg,never/existed.jpg");
         // Sixty files of a few sizes, some equal and some one byte apart, in three folders.
         const Bytes large{0, 3, 12289, 65536, 65537, 200000};
         for (const auto &[name, method, drive, sizes] : QList<std::tuple<const char *, int, int, Bytes>>{
@@ -244,49 +242,45 @@ private slots:
                              .arg(size * 4 + rng.bounded(3));
                 files += size > 0 && rng.bounded(4) == 0 ? u"^%1;"_s.arg(rng.bounded(int(size))) : u";"_s;
             }
-            row(name, files, "", "", "*", {method}, "", drive);
+            row(name, files, "", "*", {method}, "", drive);
         }
     }
     void runs()
     {
         QFETCH(QString, files);
-        QFETCH(QString, input);
         QFETCH(QString, changed);
         QFETCH(QString, group);
         QFETCH(QString, images);
         QFETCH(QList<int>, methods);
         QFETCH(int, drive);
         QTemporaryDir dir;
-        QStringList all, order;
+        QStringList order;
+        SizeGroups buckets;
         for (const QString &spec : files.split(u';', Qt::SkipEmptyParts)) {
-            const QString path = dir.filePath(spec.section(u':', 0, 0).section(u'>', 0, 0));
-            QByteArray data = randomBytes(spec.section(u':', 1, 1).toLongLong(),
-                                          spec.section(u':', 2).section(u'^', 0, 0).toUInt());
-            if (spec.contains(u'^'))
-                data[spec.section(u'^', 1).toInt()] ^= 1;
-            if (spec.contains(u'>'))
+            const QStringList f = spec.split(u':');
+            const QString path = dir.filePath(f.at(0).section(u'>', 0, 0));
+            if (spec.contains(u'>')) {
                 QVERIFY(QFile::link(dir.filePath(spec.section(u'>', 1)), path));
-            else
+            } else if (f.size() == 3 && f.at(2) != u"-") {
+                QByteArray data = randomBytes(f.at(1).toLongLong(), f.at(2).section(u'^', 0, 0).toUInt());
+                if (spec.contains(u'^'))
+                    data[f.at(2).section(u'^', 1).toInt()] ^= 1;
                 writeFile(path, data);
-            all.append(path);
+            }
+            const qint64 size = f.size() == 3 ? f.at(1).toLongLong() : QFileInfo(path).size();
+            buckets[size].append({size, path, drive});
+            order.append(path);
         }
         const auto named = [&dir](const QString &names) {
             QStringList out;
             for (const QString &name : names.split(u',', Qt::SkipEmptyParts))
-                out.append(dir.filePath(name.section(u'@', 0, 0)));
+                out.append(dir.filePath(name));
             return out;
         };
-        order = input.isEmpty() ? all : named(input);
-        SizeGroups buckets;
-        for (qsizetype i = 0; i < order.size(); ++i) {
-            const QString seen = input.split(u',').value(i).section(u'@', 1);
-            const qint64 size = seen.isEmpty() ? QFileInfo(order.at(i)).size() : seen.toLongLong();
-            buckets[size].append({size, order.at(i), drive});
-        }
         for (const QString &name : changed.split(u',', Qt::SkipEmptyParts))
             QVERIFY(name.startsWith(u'~') ? QFile::resize(dir.filePath(name.mid(1)), 100)
                                           : QFile::remove(dir.filePath(name)));
-        const Groups expected = group == u"*"     ? bruteForceGroups(all)
+        const Groups expected = group == u"*"     ? bruteForceGroups(order)
                                 : group.isEmpty() ? Groups{}
                                                   : Groups{named(group)};
         QVERIFY(group != u"*" || expected.size() >= 5);
