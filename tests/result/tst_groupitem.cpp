@@ -25,11 +25,11 @@ private:
     {
         QStringList entries;
         for (const QString &desc : layout.split(u';', Qt::SkipEmptyParts)) {
-            const QString spec = desc.section(u'>', 0, 0), path = m_dir.filePath(spec.section(u':', 0, 0));
-            QDir().mkpath(spec.endsWith(u'/') ? path : QFileInfo(path).path());
+            const QString item = desc.section(u'>', 0, 0), path = m_dir.filePath(item.section(u':', 0, 0));
+            QDir().mkpath(item.endsWith(u'/') ? path : QFileInfo(path).path());
             QFile file(path);
-            if (!spec.endsWith(u'/') && !spec.endsWith(u":-") && file.open(QIODevice::WriteOnly))
-                file.write(QByteArray(spec.section(u':', 1).toInt(), 'z'));
+            if (!item.endsWith(u'/') && !item.endsWith(u":-") && file.open(QIODevice::WriteOnly))
+                file.write(QByteArray(item.section(u':', 1).toInt(), 'z'));
             entries.append(QDir::cleanPath(path) + desc.section(u'>', 1));
         }
         return entries;

@@ -256,14 +256,14 @@ private slots:
         QTemporaryDir dir;
         QStringList order;
         SizeGroups buckets;
-        for (const QString &spec : files.split(u';', Qt::SkipEmptyParts)) {
-            const QStringList f = spec.split(u':');
+        for (const QString &item : files.split(u';', Qt::SkipEmptyParts)) {
+            const QStringList f = item.split(u':');
             const QString path = dir.filePath(f.at(0).section(u'>', 0, 0));
-            if (spec.contains(u'>')) {
-                QVERIFY(QFile::link(dir.filePath(spec.section(u'>', 1)), path));
+            if (item.contains(u'>')) {
+                QVERIFY(QFile::link(dir.filePath(item.section(u'>', 1)), path));
             } else if (f.size() == 3 && f.at(2) != u"-") {
                 QByteArray data = randomBytes(f.at(1).toLongLong(), f.at(2).section(u'^', 0, 0).toUInt());
-                if (spec.contains(u'^'))
+                if (item.contains(u'^'))
                     data[f.at(2).section(u'^', 1).toInt()] ^= 1;
                 writeFile(path, data);
             }
