@@ -1,5 +1,6 @@
 #include "cli/DeleteCommand.h"
 
+#include "app/SignalFence.h"
 #include "cli/CliText.h"
 #include "cli/ProjectFile.h"
 #include "result/DeleteResult.h"
@@ -133,12 +134,14 @@ int DeleteCommand::run(const QStringList &arguments)
     QList<DeleteResult> failures;
     QObject::connect(worker, &TImageDeleteWorker::removalReport, &loop,
                      [&](const QStringList &done, const QList<DeleteResult> &failed) {
+                         SignalFence::pass();
                          removed = done;
                          failures = failed;
                      });
     QObject::connect(worker, &TImageDeleteWorker::finished, &loop,
                      [&](const QHash<QString, QStringList> &files, const QHash<QString, QStringList> &dirs,
                          const QHash<QString, QStringList> &selected) {
+                         SignalFence::pass();
                          result = TImageDeleteWorker::Tables{files, dirs, selected};
                          loop.quit();
                      });

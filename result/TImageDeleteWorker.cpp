@@ -1,6 +1,7 @@
 #include "result/TImageDeleteWorker.h"
 
 #include "app/ReadWriteLockGuard.h"
+#include "app/SignalFence.h"
 #include "app/TLogger.h"
 #include "platform/ShellRemoval.h"
 #include "result/TFileDeleter.h"
@@ -80,8 +81,14 @@ void TImageDeleteWorker::doDelete()
                 .arg(m_removed.size())
                 .arg(m_failed.size())
                 .arg(m_cancelled.load() ? u"yes"_s : u"no"_s));
-    Q_EMIT removalReport(m_removed, m_failed);
-    Q_EMIT finished(m_files, m_dirs, m_selected);
+    {
+        const SignalFence fence;
+        Q_EMIT removalReport(m_removed, m_failed);
+    }
+    {
+        const SignalFence fence;
+        Q_EMIT finished(m_files, m_dirs, m_selected);
+    }
 }
 
 bool TImageDeleteWorker::processTable(Table &table, bool folders, int &counter)
@@ -144,7 +151,10 @@ bool TImageDeleteWorker::processKey(const QString &key, QStringList &group, bool
             }
         }
         ++counter;
-        Q_EMIT progressChanged(counter);
+        {
+            const SignalFence fence;
+            Q_EMIT progressChanged(counter);
+        }
         if (counter % 10 == 0)
             QCoreApplication::processEvents();
     }
