@@ -22,7 +22,6 @@ using Tree = QMap<QString, qint64>;
 // Member entries relative to the test folder; a leading '*' marks a selected entry.
 using Groups = QList<QStringList>;
 
-constexpr int kWaitMs = 120000;
 constexpr bool kOpen = true, kSave = false;
 
 bool writeFile(const QString &path, const QByteArray &bytes)
@@ -64,9 +63,9 @@ struct Run
     bool progressAfterCompletion = false;
 };
 
-// Starts one job and waits for its completion. The signals are taken directly on the
-// job's thread under a lock: a queued delivery would hand the arguments over inside
-// Qt, where the race checker cannot follow them.
+// Runs one job to its end. The signals are taken directly on the job's thread under a lock:
+// a queued delivery would hand the arguments over inside Qt, where the race checker cannot
+// follow them. Only the started job's signals come.
 Run runJob(TOpenSaveThread &thread, bool open, const QString &path, int count = 0, const QString &time = {})
 {
     Run run;
@@ -80,31 +79,17 @@ Run runJob(TOpenSaveThread &thread, bool open, const QString &path, int count = 
     const auto completed = [&run, &mutex](int flag, int files, qint64 size) {
         QMutexLocker locker(&mutex);
         ++run.completions;
-        run.flag = flag;
-        run.files = files;
-        run.size = size;
+        std::tie(run.flag, run.files, run.size) = std::tie(flag, files, size);
     };
-    constexpr auto direct = Qt::DirectConnection;
-    if (open) {
-        QObject::connect(&thread, &TOpenSaveThread::openProjectComplated, &context, completed, direct);
-        QObject::connect(&thread, &TOpenSaveThread::openProjectProcess, &context, progress, direct);
-    } else {
-        QObject::connect(
-            &thread, &TOpenSaveThread::saveComplated, &context,
-            [completed](int flag) { completed(flag, -1, -1); }, direct);
-        QObject::connect(&thread, &TOpenSaveThread::saveProjectProcess, &context, progress, direct);
-    }
+    const auto saved = [completed](int flag) { completed(flag, -1, -1); };
+    QObject::connect(&thread, &TOpenSaveThread::openProjectComplated, &context, completed,
+                     Qt::DirectConnection);
+    QObject::connect(&thread, &TOpenSaveThread::openProjectProcess, &context, progress, Qt::DirectConnection);
+    QObject::connect(&thread, &TOpenSaveThread::saveComplated, &context, saved, Qt::DirectConnection);
+    QObject::connect(&thread, &TOpenSaveThread::saveProjectProcess, &context, progress, Qt::DirectConnection);
     run.started = open ? thread.openProject(path) : thread.saveProject(path, count, time);
-    if (run.started) {
-        // A timeout shows as a missing completion in the caller's checks.
-        (void)QTest::qWaitFor(
-            [&run, &mutex] {
-                QMutexLocker locker(&mutex);
-                return run.completions > 0;
-            },
-            kWaitMs);
+    if (run.started)
         thread.wait();
-    }
     // Reading through the thread's lock also orders the thread's store writes before
     // the checks that follow.
     (void)thread.loadedFiles();
@@ -199,25 +184,38 @@ private slots:
         QTest::addColumn<Groups>("folders");
         QTest::addColumn<int>("expectedFiles");
         QTest::addColumn<qint64>("expectedSize");
+        QTest::addColumn<QString>(
+            "layout"); // the saved text, %1 the folder and %2 the key; empty: not checked
+        QTest::newRow("layout") << Tree{{u"a.txt"_s, 1}, {u"b.txt"_s, 2}} << Groups{{u"a.txt"_s, u"*b.txt"_s}}
+                                << Groups{} << 2 << qint64(3) << uR"(<?xml version="1.0" encoding="UTF-8"?>
+<Twinfold fileCount="1234" scanTime="01:02:03" version="4.0.0">
+    <groups>
+        <GroupItem GroupType="0" GroupFlag="0" key="%2">
+            <Item selected="0">%1/a.txt</Item>
+            <Item selected="1">%1/b.txt</Item>
+        </GroupItem>
+    </groups>
+</Twinfold>
+)"_s;
         QTest::newRow("similar entries keep their marker")
             << Tree{{u"p.png"_s, 100}, {u"q.png"_s, 200}}
             << Groups{{u"p.png_simlar_100"_s, u"*q.png_simlar_87"_s},
                       {u"q.png_simlar_90"_s, u"p.png_simlar_90"_s}}
-            << Groups{} << 4 << qint64(600);
+            << Groups{} << 4 << qint64(600) << QString();
         QTest::newRow("unicode and XML-special characters")
             << Tree{{u"é中 文.jpg"_s, 3},    {u"a&b<c>\"'.jpg"_s, 3}, {u" lead and trail .jpg "_s, 3},
                     {u"tab\there.jpg"_s, 3}, {u"new\nline.jpg"_s, 3}, {u"cr\rin.jpg"_s, 3},
                     {u"emoji 😀.jpg"_s, 3},   {u"x]]>y&amp;.jpg"_s, 3}}
             << Groups{{u"é中 文.jpg"_s, u"*a&b<c>\"'.jpg"_s, u"* lead and trail .jpg "_s, u"tab\there.jpg"_s,
                        u"*new\nline.jpg"_s, u"*cr\rin.jpg"_s, u"emoji 😀.jpg"_s, u"*x]]>y&amp;.jpg"_s}}
-            << Groups{} << 8 << qint64(24);
+            << Groups{} << 8 << qint64(24) << QString();
         // Folder records come back measured from disk: direct visible files only.
         QTest::newRow("files and folders, selections")
             << Tree{{u"d/one.doc"_s, 50}, {u"e/one.doc"_s, 50}, {u"f1/a"_s, 10}, {u"f1/b"_s, 10},
                     {u"f1/sub/c"_s, 100}, {u"f1/.h"_s, 5},      {u"f2/a"_s, 10}, {u"f2/b"_s, 10}}
             << Groups{{u"*d/one.doc"_s, u"e/one.doc"_s}} << Groups{{u"f1|2|20"_s, u"*f2|2|20"_s}} << 6
-            << qint64(140);
-        QTest::newRow("empty result") << Tree{} << Groups{} << Groups{} << 0 << qint64(0);
+            << qint64(140) << QString();
+        QTest::newRow("empty result") << Tree{} << Groups{} << Groups{} << 0 << qint64(0) << QString();
     }
     void roundTrip()
     {
@@ -226,9 +224,10 @@ private slots:
         QFETCH(Groups, folders);
         QFETCH(int, expectedFiles);
         QFETCH(qint64, expectedSize);
+        QFETCH(QString, layout);
         QTemporaryDir dir;
         QVERIFY(makeTree(dir.path(), tree));
-        fillStore(dir.path(), files, folders);
+        const QStringList keys = fillStore(dir.path(), files, folders);
         TFileData &store = TFileData::instance();
         const auto duplicates = store.duplicateGroups;
         const auto folderGroups = store.folderGroups;
@@ -238,6 +237,8 @@ private slots:
         const QString project = dir.filePath(u"result.dupproj"_s);
         const Run save = runJob(thread, kSave, project, 1234, u"01:02:03"_s);
         QVERIFY(save.started && save.completions == 1 && save.flag == 1);
+        if (!layout.isEmpty())
+            QCOMPARE(readText(project), layout.arg(dir.path(), keys.value(0)));
         store.clear();
         const Run open = runJob(thread, kOpen, project);
         QVERIFY(open.started && open.completions == 1 && open.flag == 1);
@@ -250,79 +251,54 @@ private slots:
         QCOMPARE(store.selectedFiles, selections);
     }
 
-    void savedFileLayout()
-    {
-        QTemporaryDir dir;
-        const QStringList keys = fillStore(dir.path(), {{u"a.txt"_s, u"*b.txt"_s}});
-        TOpenSaveThread thread;
-        const QString project = dir.filePath(u"layout.dupproj"_s);
-        QCOMPARE(runJob(thread, kSave, project, 42, u"00:00:07"_s).flag, 1);
-        const QString expected = uR"(<?xml version="1.0" encoding="UTF-8"?>
-<Twinfold fileCount="42" scanTime="00:00:07" version="4.0.0">
-    <groups>
-        <GroupItem GroupType="0" GroupFlag="0" key="%2">
-            <Item selected="0">%1/a.txt</Item>
-            <Item selected="1">%1/b.txt</Item>
-        </GroupItem>
-    </groups>
-</Twinfold>
-)"_s;
-        QCOMPARE(readText(project), expected.arg(dir.path(), keys.value(0)));
-    }
-
     // Opening replaces whatever the store held with the file's groups as they are on disk now.
     void openHandWritten_data()
     {
         QTest::addColumn<Tree>("tree");
         QTest::addColumn<QString>("xml"); // %1 is the test folder
-        QTest::addColumn<qint64>("expectedSize");
-        QTest::addColumn<QString>("expected"); // as dump() writes it
-        QTest::addColumn<QString>("counts");   // the file count and scan time read
-        const auto project = [](const QString &groups) -> QString {
-            return uR"(<?xml version="1.0"?><Twinfold fileCount="9" scanTime="00:01:00" version="4.0.0"><groups>)"_s +
-                   groups + u"</groups></Twinfold>"_s;
+        QTest::addColumn<QString>(
+            "expected"); // file count, scan time and bytes read, then as dump() writes it
+        const auto row = [](const char *tag, const Tree &tree, const QString &xml, const QString &expected) {
+            const QString head =
+                uR"(<?xml version="1.0"?><Twinfold fileCount="9" scanTime="00:01:00"><groups>)"_s;
+            QTest::newRow(tag) << tree
+                               << (xml.startsWith(u'<') ? head + xml + u"</groups></Twinfold>"_s : xml.mid(1))
+                               << expected;
         };
-        QTest::newRow("vanished member dropped")
-            << Tree{{u"a.txt"_s, 5}, {u"b.txt"_s, 5}}
-            << project(uR"(<GroupItem GroupType="0" GroupFlag="0" key="K1"><Item selected="1">%1/a.txt</Item>
-               <Item selected="1">%1/gone.txt</Item><Item selected="0">%1/b.txt</Item></GroupItem>)"_s)
-            << qint64(10) << u"K1: a.txt b.txt | a.txt"_s << u"9 00:01:00"_s;
-        QTest::newRow("group falling below two dropped, selection emptied")
-            << Tree{{u"a.txt"_s, 5}} << project(uR"(<GroupItem key="K2"><Item selected="1">%1/a.txt</Item>
-               <Item>%1/gone1.txt</Item><Item>%1/gone2.txt</Item></GroupItem>)"_s)
-            << qint64(0) << u"K2: - | "_s << u"9 00:01:00"_s;
-        QTest::newRow("similar marker tested without, stored with")
-            << Tree{{u"a.jpg"_s, 30}, {u"b.jpg"_s, 40}}
-            << project(uR"(<GroupItem key="S"><Item selected="1">%1/a.jpg_simlar_87</Item>
-               <Item>%1/b.jpg_simlar_90</Item><Item>%1/c.jpg_simlar_91</Item></GroupItem>)"_s)
-            << qint64(70) << u"S: a.jpg_simlar_87 b.jpg_simlar_90 | a.jpg_simlar_87"_s << u"9 00:01:00"_s;
+        row("vanished member dropped", {{u"a.txt"_s, 5}, {u"b.txt"_s, 5}},
+            uR"(<GroupItem GroupType="0" GroupFlag="0" key="K1"><Item selected="1">%1/a.txt</Item>
+               <Item selected="1">%1/gone.txt</Item><Item selected="0">%1/b.txt</Item></GroupItem>)"_s,
+            u"9 00:01:00 10\nK1: a.txt b.txt | a.txt"_s);
+        row("group falling below two dropped, selection emptied", {{u"a.txt"_s, 5}},
+            uR"(<GroupItem key="K2"><Item selected="1">%1/a.txt</Item>
+               <Item>%1/gone1.txt</Item><Item>%1/gone2.txt</Item></GroupItem>)"_s,
+            u"9 00:01:00 0\nK2: - | "_s);
+        row("similar marker tested without, stored with", {{u"a.jpg"_s, 30}, {u"b.jpg"_s, 40}},
+            uR"(<GroupItem key="S"><Item selected="1">%1/a.jpg_simlar_87</Item>
+               <Item>%1/b.jpg_simlar_90</Item><Item>%1/c.jpg_simlar_91</Item></GroupItem>)"_s,
+            u"9 00:01:00 70\nS: a.jpg_simlar_87 b.jpg_simlar_90 | a.jpg_simlar_87"_s);
         // A selected file that became a folder keeps its group a file group whatever the
         // order, so removal refuses it instead of the group being read as folders.
         const QString file = uR"(<Item selected="0">%1/a.txt</Item>)"_s,
                       folder = uR"(<Item selected="1">%1/d</Item>)"_s;
-        QTest::newRow("selected member now a folder, listed last")
-            << Tree{{u"a.txt"_s, 5}, {u"d/"_s, 0}}
-            << project(u"<GroupItem key=\"K3\">"_s + file + folder + u"</GroupItem>"_s) << qint64(5)
-            << u"K3: a.txt d | d"_s << u"9 00:01:00"_s;
-        QTest::newRow("selected member now a folder, listed first")
-            << Tree{{u"a.txt"_s, 5}, {u"d/"_s, 0}}
-            << project(u"<GroupItem key=\"K3\">"_s + folder + file + u"</GroupItem>"_s) << qint64(5)
-            << u"K3: d a.txt | d"_s << u"9 00:01:00"_s;
-        QTest::newRow("missing key and attributes take their defaults")
-            << Tree{{u"a"_s, 1}, {u"b"_s, 1}}
-            << u"<Twinfold><groups><GroupItem><Item>%1/a</Item><Item>%1/b</Item></GroupItem></groups></Twinfold>"_s
-            << qint64(2) << u"#: a b | "_s << u"0 00:00:00"_s;
-        QTest::newRow("no groups element opens empty")
-            << Tree{} << u"<Twinfold fileCount=\"3\" scanTime=\"00:00:09\"/>"_s << qint64(0) << QString()
-            << u"3 00:00:09"_s;
+        row("selected member now a folder, listed last", {{u"a.txt"_s, 5}, {u"d/"_s, 0}},
+            u"<GroupItem key=\"K3\">"_s + file + folder + u"</GroupItem>"_s,
+            u"9 00:01:00 5\nK3: a.txt d | d"_s);
+        row("selected member now a folder, listed first", {{u"a.txt"_s, 5}, {u"d/"_s, 0}},
+            u"<GroupItem key=\"K3\">"_s + folder + file + u"</GroupItem>"_s,
+            u"9 00:01:00 5\nK3: d a.txt | d"_s);
+        // A leading space marks a whole file rather than groups.
+        row("missing key and attributes take their defaults", {{u"a"_s, 1}, {u"b"_s, 1}},
+            u" <Twinfold><groups><GroupItem><Item>%1/a</Item><Item>%1/b</Item></GroupItem></groups></Twinfold>"_s,
+            u"0 00:00:00 2\n#: a b | "_s);
+        row("no groups element opens empty", {}, u" <Twinfold fileCount=\"3\" scanTime=\"00:00:09\"/>"_s,
+            u"3 00:00:09 0\n"_s);
     }
     void openHandWritten()
     {
         QFETCH(Tree, tree);
         QFETCH(QString, xml);
-        QFETCH(qint64, expectedSize);
         QFETCH(QString, expected);
-        QFETCH(QString, counts);
         QTemporaryDir dir;
         QVERIFY(makeTree(dir.path(), tree));
         const QString project = dir.filePath(u"hand.dupproj"_s);
@@ -332,15 +308,14 @@ private slots:
         TOpenSaveThread thread;
         const Run run = runJob(thread, kOpen, project);
         QVERIFY(run.started && run.completions == 1 && run.flag == 1);
-        QCOMPARE(run.size, expectedSize);
-        QCOMPARE(u"%1 %2"_s.arg(thread.fileCount()).arg(thread.scanTime()), counts);
+        QCOMPARE(u"%1 %2 %3\n"_s.arg(thread.fileCount()).arg(thread.scanTime()).arg(run.size) +
+                     dump(dir.path()),
+                 expected);
         const TFileData &store = TFileData::instance();
-        QCOMPARE(dump(dir.path()), expected);
         qsizetype files = 0;
         for (const QStringList &group : store.duplicateGroups)
             files += group.size();
-        QCOMPARE(run.files, files);
-        QVERIFY(store.folderGroups.isEmpty());
+        QVERIFY(run.files == files && store.folderGroups.isEmpty());
     }
 
     // Any file that cannot be trusted is refused whole, logged, and changes nothing.
@@ -356,9 +331,7 @@ private slots:
 </Twinfold>
 )";
         QByteArray garbage(64 * 1024, '\0');
-        QRandomGenerator random(20241122);
-        for (char &c : garbage)
-            c = char(random.bounded(256));
+        QRandomGenerator(20241122).fillRange(reinterpret_cast<quint32 *>(garbage.data()), garbage.size() / 4);
         const QByteArray groupItem = "<Twinfold><groups><GroupItem key=\"K\">",
                          end = "</GroupItem></groups></Twinfold>";
         QByteArray laughs =
@@ -371,11 +344,9 @@ private slots:
         QTest::newRow("binary garbage") << garbage << parse;
         QTest::newRow("truncated before the root ends")
             << valid.left(valid.lastIndexOf("</Twinfold>")) << parse;
-        QTest::newRow("mismatched tags") << QByteArray("<Twinfold><groups></GroupItem></Twinfold>") << parse;
         QTest::newRow("two roots") << QByteArray("<Twinfold/><Twinfold/>") << parse;
         QTest::newRow("forbidden character reference")
             << groupItem + "<Item>&#1;</Item><Item>/b</Item>" + end << parse;
-        QTest::newRow("undeclared entity") << QByteArray("<Twinfold>&boom;</Twinfold>") << parse;
         QTest::newRow("billion laughs")
             << laughs + "]>" + groupItem + "<Item>&a6;</Item><Item>&a6;</Item>" + end << parse;
         QTest::newRow("external entity")
