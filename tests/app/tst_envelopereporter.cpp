@@ -434,13 +434,8 @@ private slots:
     void crashInChildIsSentAtNextStart_data()
     {
         QTest::addColumn<int>("sig");
-        const std::pair<const char *, int> rows[] = {{"SIGSEGV", SIGSEGV},
-                                                     {"SIGBUS", SIGBUS},
-                                                     {"SIGILL", SIGILL},
-                                                     {"SIGFPE", SIGFPE},
-                                                     {"SIGABRT", SIGABRT}};
-        for (const auto &[name, sig] : rows)
-            QTest::newRow(name) << sig;
+        for (int sig : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT})
+            QTest::addRow("SIG%s", sigabbrev_np(sig)) << sig; // the tag is the name the record holds
     }
     void crashInChildIsSentAtNextStart()
     {
