@@ -87,8 +87,8 @@ private slots:
         }
         QTest::newRow("400 groups") << many << manyGroups << u"2:800:160400 = 800/160400"_s;
     }
-    // Each run also starts a chart that is destroyed while counting and must announce nothing,
-    // and restarts the chart it keeps: only the last count is announced, once.
+    // Only one announcement per run. The run over many groups also starts a chart that is
+    // destroyed while counting and must announce nothing, and restarts the chart it keeps.
     void groupStats()
     {
         QFETCH(QString, tree);
@@ -98,7 +98,7 @@ private slots:
         QVERIFY(dir.isValid());
         const QHash<QString, QStringList> input = prepare(dir.path(), tree, groups);
         QStringList seen;
-        {
+        if (groups.size() > 100) {
             // Queued statsReady connections need the map type registered by its alias.
             TPieChart dropped;
             QCOMPARE(QMetaType::fromName("FileCategoryStatsMap"),
@@ -116,7 +116,8 @@ private slots:
                 seen.append(describe(map, count, size) + (own ? u""_s : u" elsewhere"_s));
             },
             Qt::DirectConnection);
-        chart.start(prepare(dir.path(), u"other.png:3"_s, {u"other.png"_s}));
+        if (groups.size() > 100)
+            chart.start(prepare(dir.path(), u"other.png:3"_s, {u"other.png"_s}));
         chart.start(input);
         QVERIFY(QTest::qWaitFor([&seen] { return !seen.isEmpty(); }, 60000));
         QTest::qWait(50); // a second announcement would arrive now
