@@ -4,8 +4,9 @@
 #include "PrivateTrash.h"
 #include "TestMain.h"
 
-#include <QPointer>
 #include <QRandomGenerator>
+
+#include <mutex>
 
 using namespace Qt::StringLiterals;
 using Table = TImageDeleteWorker::Table;
@@ -51,35 +52,67 @@ class tst_TImageDeleteWorker : public QObject
                 t[group.section(u'=', 0, 0)].append(abs(name));
         return t;
     }
-    // Runs a batch here, or on its own thread when `threaded` (cancelled from this thread at
-    // its first progress); it cancels itself when its progress reaches `cancelAt`.
+    // Runs a batch here, or on its own thread when `threaded` and then cancelled from this
+    // thread once it reports its first step; it cancels itself when its progress reaches
+    // `cancelAt`. Reports are taken on the worker's thread under a lock, so that nothing of
+    // ours runs on this thread while the worker tears its connections down on its own.
     static Run run(const Table &files, const Table &dirs, const Table &selected, Method method,
                    const QString &target, int cancelAt = -1, bool threaded = false)
     {
         Run r;
+        std::mutex mutex;
+        bool running = true, deleted = false;
         QObject here;
-        QPointer<TImageDeleteWorker> worker = new TImageDeleteWorker(files, dirs, selected, method, target);
-        QObject::connect(worker, &TImageDeleteWorker::progressChanged, &here, [&](int value) {
-            r.progress.append(value);
-            if (worker && (threaded || value == cancelAt))
-                worker->setCancelled();
-        });
-        QObject::connect(worker, &TImageDeleteWorker::removalReport, &here,
-                         [&r](const QStringList &removed) { r.removed = removed; });
-        QObject::connect(worker, &TImageDeleteWorker::finished, &here,
-                         [&r](const Table &f, const Table &d, const Table &s) {
-                             ++r.finished;
-                             r.files = f, r.dirs = d, r.selected = s;
-                         });
+        auto *worker = new TImageDeleteWorker(files, dirs, selected, method, target);
+        const auto locked = [&mutex](auto &&step) {
+            std::lock_guard lock(mutex);
+            return step();
+        };
+        const auto direct = Qt::DirectConnection;
+        QObject::connect(
+            worker, &TImageDeleteWorker::progressChanged, &here,
+            [&, worker](int value) {
+                locked([&] { r.progress.append(value); });
+                if (value == cancelAt)
+                    worker->setCancelled();
+            },
+            direct);
+        QObject::connect(
+            worker, &TImageDeleteWorker::removalReport, &here,
+            [&](const QStringList &removed) { locked([&] { r.removed = removed; }); }, direct);
+        QObject::connect(
+            worker, &TImageDeleteWorker::finished, &here,
+            [&](const Table &f, const Table &d, const Table &s) {
+                locked([&] {
+                    ++r.finished;
+                    r.files = f, r.dirs = d, r.selected = s;
+                    running = false;
+                });
+            },
+            direct);
+        QObject::connect(
+            worker, &QObject::destroyed, &here, [&] { locked([&] { deleted = true; }); }, direct);
         if (cancelAt == 0)
             worker->setCancelled();
+        bool cancelled = true;
         if (threaded) {
             worker->start(); // the worker deletes itself once done
+            // Until it has finished, the worker is alive: finishing waits for the lock.
+            cancelled = QTest::qWaitFor(
+                [&] {
+                    return locked([&] {
+                        if (running && !r.progress.isEmpty())
+                            worker->setCancelled();
+                        return !running || !r.progress.isEmpty();
+                    });
+                },
+                60000);
         } else {
             worker->doDelete();
             delete worker;
         }
-        r.workerDeleted = QTest::qWaitFor([&] { return r.finished > 0 && worker.isNull(); }, 60000);
+        r.workerDeleted =
+            cancelled && QTest::qWaitFor([&] { return locked([&] { return deleted; }); }, 60000);
         return r;
     }
 
