@@ -4,6 +4,7 @@
 #include "app/SignalFence.h"
 #include "app/TLogger.h"
 #include "platform/ShellRemoval.h"
+#include "result/GroupItem.h"
 #include "result/TFileDeleter.h"
 #include "scan/FileCategory.h"
 #include "scan/TFileData.h"
@@ -186,17 +187,7 @@ bool TImageDeleteWorker::removeReal(const QString &path, bool folder)
 
 QString TImageDeleteWorker::realPath(const QString &entry)
 {
-    const QString marker = ScanConstants::similarSuffix() + u'_';
-    const qsizetype at = entry.lastIndexOf(marker);
-    const qsizetype digits = at + marker.size();
-    // An ending right after a separator would name a folder, never a member file.
-    if (at <= 0 || digits >= entry.size() || entry.at(at - 1) == u'/' || entry.at(at - 1) == u'\\')
-        return entry;
-    for (qsizetype i = digits; i < entry.size(); ++i) {
-        if (!entry.at(i).isDigit())
-            return entry;
-    }
-    return entry.left(at);
+    return GroupItem::realPath(entry);
 }
 
 bool TImageDeleteWorker::isSimilarEntryOf(const QString &entry, const QString &selected)

@@ -1,6 +1,7 @@
 #include "result/TPieChart.h"
 
 #include "app/ReadWriteLockGuard.h"
+#include "result/GroupItem.h"
 #include "scan/FileCategory.h"
 #include "scan/TFileData.h"
 
@@ -135,22 +136,7 @@ QHash<QString, QStringList> TPieChart::storeGroups()
 
 QString TPieChart::entryPath(const QString &entry)
 {
-    // Equivalent to matching "^(.*)_simlar_\d+$" and taking the first capture: the
-    // greedy capture always ends at the last marker. Written out because the map step
-    // runs on many threads and a shared regular expression object is only reentrant.
-    const QString marker = ScanConstants::similarSuffix() + QLatin1Char('_');
-    const qsizetype at = entry.lastIndexOf(marker);
-    if (at < 0)
-        return entry;
-    const qsizetype digitsFrom = at + marker.size();
-    if (digitsFrom >= entry.size())
-        return entry;
-    for (qsizetype i = digitsFrom; i < entry.size(); ++i) {
-        const QChar c = entry.at(i);
-        if (c < QLatin1Char('0') || c > QLatin1Char('9'))
-            return entry;
-    }
-    return entry.left(at);
+    return GroupItem::realPath(entry);
 }
 
 void TPieChart::measureFolder(const QString &folderPath, qint32 &fileCount, qint64 &totalSize)

@@ -3,6 +3,7 @@
 #include "app/ReadWriteLockGuard.h"
 #include "app/SignalFence.h"
 #include "app/TLogger.h"
+#include "result/GroupItem.h"
 #include "result/GroupItemAutoSelector.h"
 #include "scan/FileCategory.h"
 #include "scan/PoolMap.h"
@@ -12,7 +13,6 @@
 #include <QFileInfo>
 #include <QHash>
 #include <QJsonValue>
-#include <QRegularExpression>
 #include <QSet>
 
 #include <opencv2/core.hpp>
@@ -869,11 +869,7 @@ void ImageCompareThread::emitGroup(const QList<ImageData> &group)
         key = absorbedKeys.constFirst();
 
     // A file is listed once: later groups and members add only files not yet present.
-    const QRegularExpression marker(QStringLiteral("^(.*)%1_\\d+$").arg(ScanConstants::similarSuffix()));
-    const auto realPath = [&marker](const QString &e) {
-        const QRegularExpressionMatch match = marker.match(e);
-        return match.hasMatch() ? match.captured(1) : e;
-    };
+    const auto realPath = [](const QString &e) { return GroupItem::realPath(e); };
     QStringList merged;
     QSet<QString> listed;
     if (!absorbed.isEmpty()) {

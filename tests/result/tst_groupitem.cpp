@@ -47,6 +47,11 @@ private slots:
         QTest::newRow("only the last marker goes") << u"/x/a_simlar_3_simlar_4"_s << u"/x/a_simlar_3"_s << 4;
         QTest::newRow("newline in name") << u"/x/a\nb.jpg_simlar_5"_s << u"/x/a\nb.jpg"_s << 5;
         QTest::newRow("huge number") << u"/x/a.jpg_simlar_99999999999"_s << u"/x/a.jpg"_s << -1;
+        QTest::newRow("plain") << u"D:/p/a.jpg_simlar_87"_s << u"D:/p/a.jpg"_s << 87;
+        QTest::newRow("letters after marker") << u"/x/a_simlar_5b"_s << u"/x/a_simlar_5b"_s << -1;
+        QTest::newRow("non-ASCII digits") << u"/x/a_simlar_\u0663"_s << u"/x/a_simlar_\u0663"_s << -1;
+        // Stripping would leave the folder's own path, which removal must never take for a member.
+        QTest::newRow("marker is the whole name") << u"/x/_simlar_5"_s << u"/x/_simlar_5"_s << -1;
         QTest::newRow("empty") << QString() << QString() << -1;
     }
     void realPath()
