@@ -134,14 +134,14 @@ int DeleteCommand::run(const QStringList &arguments)
     QList<DeleteResult> failures;
     QObject::connect(worker, &TImageDeleteWorker::removalReport, &loop,
                      [&](const QStringList &done, const QList<DeleteResult> &failed) {
-                         SignalFence::pass();
+                         const SignalFence fence; // held while the slot runs: see ~TImageDeleteWorker
                          removed = done;
                          failures = failed;
                      });
     QObject::connect(worker, &TImageDeleteWorker::finished, &loop,
                      [&](const QHash<QString, QStringList> &files, const QHash<QString, QStringList> &dirs,
                          const QHash<QString, QStringList> &selected) {
-                         SignalFence::pass();
+                         const SignalFence fence; // held while the slot runs: see ~TImageDeleteWorker
                          result = TImageDeleteWorker::Tables{files, dirs, selected};
                          loop.quit();
                      });

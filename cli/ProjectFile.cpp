@@ -1,5 +1,6 @@
 #include "cli/ProjectFile.h"
 
+#include "app/SignalFence.h"
 #include "scan/TFileData.h"
 #include "settings/TOpenSaveThread.h"
 
@@ -18,6 +19,7 @@ bool ProjectFile::open(const QString &path, int *fileCount, QString *scanTime, Q
     QEventLoop loop;
     int flag = 0;
     QObject::connect(&thread, &TOpenSaveThread::openProjectComplated, &loop, [&](int result, int, qint64) {
+        SignalFence::pass();
         flag = result;
         loop.quit();
     });
@@ -42,6 +44,7 @@ bool ProjectFile::save(const QString &path, int fileCount, const QString &scanTi
     QEventLoop loop;
     int flag = 0;
     QObject::connect(&thread, &TOpenSaveThread::saveComplated, &loop, [&](int result) {
+        SignalFence::pass();
         flag = result;
         loop.quit();
     });

@@ -34,6 +34,14 @@ TImageDeleteWorker::TImageDeleteWorker(const Table &files, const Table &dirs, co
       m_targetFolder(targetFolder)
 {}
 
+TImageDeleteWorker::~TImageDeleteWorker()
+{
+    // The receivers' slot objects go with this object, on this thread, possibly right after
+    // a slot ran on another; receivers hold the fence while they run, so passing it here
+    // shows the race checker the order that Qt's own reference count keeps.
+    SignalFence::pass();
+}
+
 void TImageDeleteWorker::start()
 {
     if (parent()) {

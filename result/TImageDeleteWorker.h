@@ -37,6 +37,7 @@ public:
     // The tables are copies; the worker never touches the result store itself.
     TImageDeleteWorker(const Table &files, const Table &dirs, const Table &selected, Method removalMethod,
                        const QString &targetFolder, QObject *parent = nullptr);
+    ~TImageDeleteWorker() override;
 
     // Moves the worker (which must have no parent) to a new thread and runs doDelete
     // there. The thread quits after finished, then the worker and the thread delete
