@@ -4,6 +4,7 @@
 #include "cli/CliText.h"
 #include "cli/ProjectFile.h"
 #include "result/DeleteResult.h"
+#include "result/GroupItem.h"
 #include "result/TImageDeleteWorker.h"
 #include "scan/TFileData.h"
 #include "settings/TWPreferences.h"
@@ -45,7 +46,7 @@ QStringList selectedMembers(const TImageDeleteWorker::Tables &tables)
             bool member = false;
             for (const QString &m : members)
                 member = member || m == entry || TImageDeleteWorker::isSimilarEntryOf(m, entry);
-            const QString real = TImageDeleteWorker::realPath(entry);
+            const QString real = GroupItem::realPath(entry);
             if (member && !seen.contains(real)) {
                 seen.insert(real);
                 out.append(real);

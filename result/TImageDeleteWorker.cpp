@@ -128,8 +128,8 @@ bool TImageDeleteWorker::processKey(const QString &key, QStringList &group, bool
     const QStringList chosen = m_selected.value(key);
     // In a similar-image group every entry carries its "_simlar_<n>" ending.
     const bool similarGroup =
-        !group.isEmpty() &&
-        std::all_of(group.cbegin(), group.cend(), [](const QString &e) { return realPath(e) != e; });
+        !group.isEmpty() && std::all_of(group.cbegin(), group.cend(),
+                                        [](const QString &e) { return GroupItem::realPath(e) != e; });
     QStringList deleted;
     bool cancelled = false;
     for (const QString &entry : chosen) {
@@ -140,7 +140,7 @@ bool TImageDeleteWorker::processKey(const QString &key, QStringList &group, bool
         if (group.contains(entry)) {
             // A similar-image entry is removed through the file it names; a file that
             // really carries such a name (it exists as written) is taken as written.
-            const QString path = similarGroup && !present(entry) ? realPath(entry) : entry;
+            const QString path = similarGroup && !present(entry) ? GroupItem::realPath(entry) : entry;
             if (removeReal(path, folders)) {
                 group.removeAll(entry);
                 deleted.append(entry);
@@ -193,16 +193,11 @@ bool TImageDeleteWorker::removeReal(const QString &path, bool folder)
     return result.success;
 }
 
-QString TImageDeleteWorker::realPath(const QString &entry)
-{
-    return GroupItem::realPath(entry);
-}
-
 bool TImageDeleteWorker::isSimilarEntryOf(const QString &entry, const QString &selected)
 {
     // The whole-string pattern "<selected>_simlar_\d+" with `selected` taken literally;
     // compared by text, so characters that mean something in a pattern cannot widen it.
-    const QString path = realPath(entry);
+    const QString path = GroupItem::realPath(entry);
     return path != entry && path == selected;
 }
 

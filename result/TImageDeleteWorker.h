@@ -53,9 +53,6 @@ public:
     // still listed); the key's selection becomes the batch's. Nothing else is touched.
     static void applyToStore(TFileData &store, const Tables &given, const Tables &result);
 
-    // The real path behind an entry: the entry without its "_simlar_<n>" ending, or the
-    // entry itself when it has none.
-    static QString realPath(const QString &entry);
     // True when `entry` is `selected` followed by "_simlar_" and a decimal number.
     static bool isSimilarEntryOf(const QString &entry, const QString &selected);
 

@@ -134,11 +134,6 @@ QHash<QString, QStringList> TPieChart::storeGroups()
     return groups;
 }
 
-QString TPieChart::entryPath(const QString &entry)
-{
-    return GroupItem::realPath(entry);
-}
-
 void TPieChart::measureFolder(const QString &folderPath, qint32 &fileCount, qint64 &totalSize)
 {
     fileCount = 0;
@@ -160,7 +155,7 @@ StatResult TPieChart::groupStats(const QStringList &entries)
     QStringList similar;
     for (const QString &entry : entries) {
         if (entry.contains(ScanConstants::similarSuffix()))
-            similar.append(entryPath(entry));
+            similar.append(GroupItem::realPath(entry));
         else
             plain.append(entry);
     }

@@ -54,9 +54,6 @@ public:
     static void addStats(StatResult &total, const StatResult &part);
     // Direct regular, non-hidden files of a folder (no descent into sub-folders).
     static void measureFolder(const QString &folderPath, qint32 &fileCount, qint64 &totalSize);
-    // The real path of a member entry: a similar-image entry loses its
-    // "_simlar_<digits>" ending; any other entry is returned unchanged.
-    static QString entryPath(const QString &entry);
 
 signals:
     void statsReady(FileCategoryStatsMap result, int count, qlonglong totalSize);

@@ -4,6 +4,7 @@
 #include "app/ReadWriteLockGuard.h"
 #include "app/SignalFence.h"
 #include "app/TLogger.h"
+#include "result/GroupItem.h"
 #include "result/TPieChart.h"
 #include "scan/FileCategory.h"
 #include "scan/TFileData.h"
@@ -299,7 +300,7 @@ void TOpenSaveThread::openDocument()
         int folderMembers = 0, keptFolders = 0, keptFiles = 0;
         bool firstIsFolder = false;
         for (const Item &item : group.items) {
-            const QFileInfo info(TPieChart::entryPath(item.entry));
+            const QFileInfo info(GroupItem::realPath(item.entry));
             if (!info.exists())
                 continue;
             ++groupFiles;
@@ -320,7 +321,7 @@ void TOpenSaveThread::openDocument()
                                   : (keptFolders != keptFiles ? keptFolders > keptFiles : firstIsFolder);
         // A project written by hand may lack keys; derive one the way a scan would.
         const QString key = group.key.isEmpty() && !entries.isEmpty()
-                                ? groupKey(TPieChart::entryPath(entries.constFirst()))
+                                ? groupKey(GroupItem::realPath(entries.constFirst()))
                                 : group.key;
         if (entries.size() >= 2 && !isFolder) {
             files += groupFiles;

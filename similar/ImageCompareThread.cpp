@@ -869,17 +869,16 @@ void ImageCompareThread::emitGroup(const QList<ImageData> &group)
         key = absorbedKeys.constFirst();
 
     // A file is listed once: later groups and members add only files not yet present.
-    const auto realPath = [](const QString &e) { return GroupItem::realPath(e); };
     QStringList merged;
     QSet<QString> listed;
     if (!absorbed.isEmpty()) {
         merged = absorbed.constFirst();
         for (const QString &e : std::as_const(merged))
-            listed.insert(realPath(e));
+            listed.insert(GroupItem::realPath(e));
     }
     for (qsizetype g = 1; g < absorbed.size(); ++g) {
         for (const QString &e : absorbed.at(g)) {
-            const QString path = realPath(e);
+            const QString path = GroupItem::realPath(e);
             if (listed.contains(path))
                 continue;
             listed.insert(path);
