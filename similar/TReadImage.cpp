@@ -2,6 +2,7 @@
 
 #include "app/TLogger.h"
 #include "platform/ImageFileReader.h"
+#include "similar/ImageCodecs.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -12,7 +13,6 @@
 
 #include <libheif/heif.h>
 #include <libraw/libraw.h>
-#include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include <algorithm>
@@ -139,7 +139,7 @@ cv::Mat TReadImage::readImageFromBuffer(const QString &path, int &width, int &he
             return cv::Mat();
         }
 
-        cv::Mat mat = cv::imdecode(bytes, cv::IMREAD_COLOR);
+        cv::Mat mat = ImageCodecs::decode(cv::Mat(bytes), ImageCodecs::ReadColor);
         if (mat.empty()) {
             logInfo(u"[TImageRead]: imdecode returned empty: %1"_s.arg(path));
             return cv::Mat();
@@ -171,7 +171,7 @@ cv::Mat TReadImage::readImageWithFallback(const QString &path, int &width, int &
     cv::Mat mat;
 
     try {
-        mat = cv::imread(utf8Path, cv::IMREAD_COLOR);
+        mat = ImageCodecs::read(utf8Path, ImageCodecs::ReadColor);
         if (!mat.empty()) {
             width = mat.cols;
             height = mat.rows;
@@ -195,7 +195,7 @@ cv::Mat TReadImage::readImageWithFallback(const QString &path, int &width, int &
 
     if (mat.empty()) {
         try {
-            mat = cv::imread(utf8Path, cv::IMREAD_REDUCED_COLOR_8);
+            mat = ImageCodecs::read(utf8Path, ImageCodecs::ReadReducedColor8);
             if (!mat.empty()) {
                 // Deliberately an estimate: the decoder only produced an eighth.
                 width = mat.cols * 8;
