@@ -73,7 +73,8 @@ void TControlUI::startScan(const QStringList &scanRoots)
     scanClock.start();
     roots = scanRoots;
     sizeGroups = SizeGroups();
-    allFiles.clear();
+    allFiles = QByteArrayList();
+    fileCount = 0;
     secondTimer.start();
     elapsedSeconds = 0;
     itemCount = 0;
@@ -137,7 +138,7 @@ void TControlUI::stopScan()
 
 void TControlUI::saveProject(const QString &path)
 {
-    projectThread.saveProject(path, int(allFiles.size()), elapsedText());
+    projectThread.saveProject(path, int(fileCount), elapsedText());
 }
 
 void TControlUI::openProject(const QString &path)
@@ -152,8 +153,10 @@ void TControlUI::openProject(const QString &path)
 void TControlUI::processFile(qint64 size, const QString &path, int driveType)
 {
     SignalFence::pass();
-    sizeGroups[size].append(FileMeta{size, path, driveType});
-    allFiles.append(path);
+    const FileMeta file{size, path.toUtf8(), driveType};
+    sizeGroups[size].append(file);
+    allFiles.append(file.filePath);
+    fileCount = allFiles.size();
 }
 
 void TControlUI::processFiles(const QList<FileMeta> &files)
@@ -164,6 +167,7 @@ void TControlUI::processFiles(const QList<FileMeta> &files)
         sizeGroups[file.size].append(file);
         allFiles.append(file.filePath);
     }
+    fileCount = allFiles.size();
 }
 
 void TControlUI::updateScanning(int scannedCount)
@@ -267,7 +271,7 @@ void TControlUI::duplicateFindItem(int number, qint64 totalSize)
 void TControlUI::scanComplated()
 {
     SignalFence::pass();
-    phaseProgress = progressWeights(allFiles.size(), duplicateConfig.value(u"scanDupDirectory").toBool(false),
+    phaseProgress = progressWeights(fileCount, duplicateConfig.value(u"scanDupDirectory").toBool(false),
                                     similarEnabled(), similarConfig.value(u"isAddFeatures").toBool(false));
     const QString seconds = QString::number(double(scanClock.elapsed()) / 1000.0, 'f', 3);
     if (threadStatus == Stoped) {
@@ -279,11 +283,13 @@ void TControlUI::scanComplated()
     }
     logInfo(QStringLiteral("[TControlUI]: Scan is complete, start matching duplicate files. Total number of "
                            "files: [%1]. This task takes:[%2] seconds.")
-                .arg(allFiles.size())
+                .arg(fileCount)
                 .arg(seconds));
     finder.setInput(sizeGroups, allFiles);
-    // The finder holds its own shared copy; the controller's is not needed any more.
+    // The finder holds its own shared copies; the controller's would keep every path alive
+    // through matching, long after the finder has let go of the files it does not need.
     sizeGroups = SizeGroups();
+    allFiles = QByteArrayList();
     finder.start(QThread::InheritPriority);
     currentStatus = DuplicateFile;
 }

@@ -6,6 +6,7 @@
 #include "settings/TOpenSaveThread.h"
 #include "similar/ImageCompareThread.h"
 
+#include <QByteArrayList>
 #include <QElapsedTimer>
 #include <QJsonObject>
 #include <QMap>
@@ -58,7 +59,7 @@ public:
 
     CurrentStatus status() const { return currentStatus; }
     ThreadStatus runState() const { return threadStatus; }
-    qsizetype scannedFileCount() const { return allFiles.size(); }
+    qsizetype scannedFileCount() const { return fileCount; }
     qint64 elapsedSecondsCount() const { return elapsedSeconds; }
     double overallProgress() const;
     const QMap<int, PhaseWeight> &phaseWeights() const { return phaseProgress; }
@@ -113,7 +114,10 @@ private:
     ImageCompareThread similar;
 
     SizeGroups sizeGroups;
-    QStringList allFiles;
+    // Every reported path (UTF-8, shared with sizeGroups) until the finder takes it over;
+    // fileCount keeps its length after that.
+    QByteArrayList allFiles;
+    qsizetype fileCount = 0;
     QStringList roots;
     CurrentStatus currentStatus = ScaningFile;
     ThreadStatus threadStatus = Stoped;

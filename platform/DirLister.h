@@ -2,6 +2,7 @@
 
 #include "platform/FileIdentity.h"
 
+#include <QByteArray>
 #include <QString>
 #include <QtGlobal>
 
@@ -35,6 +36,9 @@ public:
     bool hasValidName() const;
     // The folder, a slash and the entry's name.
     QString path() const;
+    // The same as UTF-8, built without passing through UTF-16 where the platform lists
+    // names as bytes.
+    QByteArray pathUtf8() const;
     Kind kind() const;
     // Size in bytes of a file (of the link's target for a link).
     qint64 size() const;

@@ -11,6 +11,7 @@
 struct DirLister::Private
 {
     QString folder;
+    QByteArray folderUtf8;
     DIR *dir = nullptr;
     const char *name = nullptr;
     size_t nameLength = 0;
@@ -40,6 +41,7 @@ DirLister::DirLister(const QString &folder) : d(std::make_unique<Private>())
     // Keep the joining slash single for a root such as "/".
     if (d->folder.endsWith(QLatin1Char('/')))
         d->folder.chop(1);
+    d->folderUtf8 = d->folder.toUtf8();
     d->dir = ::opendir(QFile::encodeName(folder.isEmpty() ? QStringLiteral(".") : folder).constData());
 }
 
@@ -117,6 +119,19 @@ QString DirLister::path() const
         return out;
     }
     return d->folder + QLatin1Char('/') + QString::fromUtf8(d->name, qsizetype(d->nameLength));
+}
+
+QByteArray DirLister::pathUtf8() const
+{
+    if (!d->name)
+        return QByteArray();
+    // Names were checked to be UTF-8, so the bytes are the text as they are.
+    QByteArray out;
+    out.reserve(d->folderUtf8.size() + 1 + qsizetype(d->nameLength));
+    out.append(d->folderUtf8);
+    out.append('/');
+    out.append(d->name, qsizetype(d->nameLength));
+    return out;
 }
 
 DirLister::Kind DirLister::kind() const

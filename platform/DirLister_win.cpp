@@ -91,6 +91,11 @@ QString DirLister::path() const
     return d->path;
 }
 
+QByteArray DirLister::pathUtf8() const
+{
+    return d->path.toUtf8();
+}
+
 DirLister::Kind DirLister::kind() const
 {
     return d->kind;

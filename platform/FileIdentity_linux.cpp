@@ -14,12 +14,13 @@ FileIdentity FileIdentity::of(const QString &path)
     return FileIdentity(static_cast<quint64>(st.st_dev), static_cast<quint64>(st.st_ino));
 }
 
-FileIdentity FileIdentity::openRegular(const QString &path, QFile &file, qint64 *size)
+FileIdentity FileIdentity::openRegular(const QByteArray &utf8Path, QFile &file, qint64 *size)
 {
-    if (path.isEmpty())
+    if (utf8Path.isEmpty())
         return FileIdentity();
+    // File names are UTF-8 here, so the bytes go to the system as they are.
     // Non-blocking so that a fifo without a writer cannot hold the open.
-    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    const int fd = ::open(utf8Path.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
     if (fd < 0)
         return FileIdentity();
     struct stat st;

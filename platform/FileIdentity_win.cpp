@@ -21,14 +21,13 @@ FileIdentity FileIdentity::of(const QString &path)
     CloseHandle(h);
     if (!ok)
         return FileIdentity();
-    if (size)
-        *size = static_cast<qint64>((static_cast<quint64>(info.nFileSizeHigh) << 32) | info.nFileSizeLow);
     const quint64 index = (static_cast<quint64>(info.nFileIndexHigh) << 32) | info.nFileIndexLow;
     return FileIdentity(static_cast<quint64>(info.dwVolumeSerialNumber), index);
 }
 
-FileIdentity FileIdentity::openRegular(const QString &path, QFile &file, qint64 *size)
+FileIdentity FileIdentity::openRegular(const QByteArray &utf8Path, QFile &file, qint64 *size)
 {
+    const QString path = QString::fromUtf8(utf8Path);
     file.setFileName(path);
     if (path.isEmpty() || !file.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
         return FileIdentity();
@@ -40,6 +39,8 @@ FileIdentity FileIdentity::openRegular(const QString &path, QFile &file, qint64 
         file.close();
         return FileIdentity();
     }
+    if (size)
+        *size = static_cast<qint64>((static_cast<quint64>(info.nFileSizeHigh) << 32) | info.nFileSizeLow);
     const quint64 index = (static_cast<quint64>(info.nFileIndexHigh) << 32) | info.nFileIndexLow;
     return FileIdentity(static_cast<quint64>(info.dwVolumeSerialNumber), index);
 }

@@ -26,6 +26,7 @@
 #include <exception>
 #include <memory>
 #include <mutex>
+#include <utility>
 
 namespace {
 
@@ -95,7 +96,7 @@ QByteArray sampledKey(QFile &file, qint64 n)
     return hexKey(XXH3_64bits_digest(state.get()));
 }
 
-QByteArray wholeContentKey(QFile &file, const QString &path, qint64 size, int driveType)
+QByteArray wholeContentKey(QFile &file, const QByteArray &utf8Path, qint64 size, int driveType)
 {
     // Small files are read: for them a mapping's set-up and unmap cost more than the copy.
     // Where another program could shorten the file under the mapping, it is read too: a
@@ -107,7 +108,7 @@ QByteArray wholeContentKey(QFile &file, const QString &path, qint64 size, int dr
             file.unmap(mapped);
             return hexKey(digest);
         }
-        logMapFailed(path);
+        logMapFailed(QString::fromUtf8(utf8Path));
     }
 
     if (!file.isOpen() || !file.isReadable() || !file.seek(0))
@@ -148,7 +149,7 @@ DuplicateFileFinder::~DuplicateFileFinder()
     handOver(mutex);
 }
 
-void DuplicateFileFinder::setInput(const SizeGroups &groups, const QStringList &files)
+void DuplicateFileFinder::setInput(const SizeGroups &groups, const QByteArrayList &files)
 {
     sizeGroups = groups;
     allFiles = files;
@@ -201,15 +202,15 @@ void DuplicateFileFinder::run()
     }
     duplicateFileCount = 0;
     duplicateTotalSize = 0;
+    // Nothing here reads the path list; holding it would keep every path alive until the
+    // end, while the matching below lets go of each file it is done with.
+    allFiles = QByteArrayList();
 
     processDuplicates();
     if (!stopRequested && scanDupDirectory)
         processDirectories();
 
     sizeGroups = SizeGroups();
-    // Released, not cleared: the list is shared with the controller, and clear() would
-    // allocate a fresh one of the same capacity.
-    allFiles = QStringList();
     {
         QMutexLocker locker(&mutex);
         m_dirStats.clear();
@@ -238,9 +239,12 @@ void DuplicateFileFinder::processDuplicates()
         if (bucket.size() >= 2) {
             QMutexLocker locker(&writerMutex);
             candidates.append(bucket);
-        } else if (bucket.size() == 1 && isImageFile(bucket.constFirst().filePath)) {
-            QMutexLocker locker(&writerMutex);
-            m_uniqueImages.append(bucket.constFirst().filePath);
+        } else if (bucket.size() == 1) {
+            const QString path = bucket.constFirst().path();
+            if (isImageFile(path)) {
+                QMutexLocker locker(&writerMutex);
+                m_uniqueImages.append(path);
+            }
         }
     });
 
@@ -255,9 +259,15 @@ void DuplicateFileFinder::processDuplicates()
         totalBuckets = total;
     }
     const qsizetype chunk = std::max<qsizetype>(10, total / std::max(1, QThread::idealThreadCount()));
+    // Each task takes its bucket out of the list, so a bucket's records are freed as soon as
+    // it is matched and the walk's data shrinks while the groups are being stored.
+    QList<FileMeta> *const items = candidates.data();
     for (qsizetype start = 0; start < total && !stopRequested; start += chunk) {
-        const QList<QList<FileMeta>> slice = candidates.mid(start, chunk);
-        mapOnPool(slice, [&](const QList<FileMeta> &bucket) { processBucket(bucket, writerMutex); });
+        const IndexRange slice{start, std::min(chunk, total - start)};
+        mapOnPool(slice, [&](qsizetype i) {
+            const QList<FileMeta> bucket = std::exchange(items[i], QList<FileMeta>());
+            processBucket(bucket, writerMutex);
+        });
     }
 
     {
@@ -279,21 +289,23 @@ void DuplicateFileFinder::processBucket(const QList<FileMeta> &bucket, QMutex &w
     // Zero-byte files are all alike and never worth a group. Otherwise drop vanished
     // files and second listings of one file (the same path twice, or a link to it)
     // before anything is opened: a file must never be grouped with itself.
-    QHash<QByteArray, QStringList> byKey;
+    // Paths stay UTF-8 until a file joins a group: text is made only for what is kept.
+    QHash<QByteArray, QByteArrayList> byKey;
     if (size > 0) {
         QSet<FileIdentity> seen;
         qsizetype distinct = 0;
-        QString lone;
+        QByteArray lone;
         for (const FileMeta &meta : bucket) {
             if (stopRequested)
                 return;
             QByteArray key;
             if (scanMethod == FileName) {
-                const FileIdentity identity = FileIdentity::of(meta.filePath);
+                const QString path = meta.path();
+                const FileIdentity identity = FileIdentity::of(path);
                 if (!identity.isValid() || seen.contains(identity))
                     continue;
                 seen.insert(identity);
-                key = calculateFileHash(scanMethod, meta.filePath, meta.size, meta.driveType);
+                key = calculateFileHash(scanMethod, path, meta.size, meta.driveType);
             } else {
                 // One open serves the identity check and the digest.
                 QFile file;
@@ -320,12 +332,19 @@ void DuplicateFileFinder::processBucket(const QList<FileMeta> &bucket, QMutex &w
     for (auto it = byKey.cbegin(); it != byKey.cend(); ++it) {
         if (stopRequested)
             return;
-        const QStringList &paths = it.value();
-        if (paths.size() >= 2) {
+        const QByteArrayList &members = it.value();
+        if (members.size() >= 2) {
+            QStringList paths;
+            paths.reserve(members.size());
+            for (const QByteArray &member : members)
+                paths.append(QString::fromUtf8(member));
             storeGroup(paths, it.key(), size, writerMutex);
-        } else if (paths.size() == 1 && isImageFile(paths.constFirst())) {
-            QMutexLocker locker(&writerMutex);
-            m_uniqueImages.append(paths.constFirst());
+        } else if (members.size() == 1) {
+            const QString path = QString::fromUtf8(members.constFirst());
+            if (isImageFile(path)) {
+                QMutexLocker locker(&writerMutex);
+                m_uniqueImages.append(path);
+            }
         }
     }
     reportBucketDone();
@@ -406,9 +425,10 @@ QByteArray DuplicateFileFinder::calculateFileHash(int method, const QString &pat
     if (method != FileName) {
         QFile file;
         qint64 current = 0;
-        if (!FileIdentity::openRegular(path, file, &current).isValid())
+        const QByteArray utf8Path = path.toUtf8();
+        if (!FileIdentity::openRegular(utf8Path, file, &current).isValid())
             return {};
-        return hashOpenFile(method, file, current, path, knownSize, driveType);
+        return hashOpenFile(method, file, current, utf8Path, knownSize, driveType);
     }
     return guardedDigest([&]() -> QByteArray {
         // Only regular files: opening a pipe or device could block or never end.
@@ -419,8 +439,8 @@ QByteArray DuplicateFileFinder::calculateFileHash(int method, const QString &pat
     });
 }
 
-QByteArray DuplicateFileFinder::hashOpenFile(int method, QFile &file, qint64 current, const QString &path,
-                                             qint64 knownSize, int driveType)
+QByteArray DuplicateFileFinder::hashOpenFile(int method, QFile &file, qint64 current,
+                                             const QByteArray &utf8Path, qint64 knownSize, int driveType)
 {
     return guardedDigest([&]() -> QByteArray {
         if (current < 1)
@@ -428,7 +448,7 @@ QByteArray DuplicateFileFinder::hashOpenFile(int method, QFile &file, qint64 cur
         if (method == WholeContent) {
             if (knownSize >= 0 && current != knownSize)
                 return {};
-            return wholeContentKey(file, path, current, driveType);
+            return wholeContentKey(file, utf8Path, current, driveType);
         }
         // A file that shrank no longer holds what the walk saw; one that grew is sampled
         // over the length the walk saw, so it still meets its former equals.

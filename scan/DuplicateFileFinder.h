@@ -4,6 +4,7 @@
 #include "scan/FileMeta.h"
 
 #include <QByteArray>
+#include <QByteArrayList>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QHash>
@@ -38,7 +39,7 @@ public:
     explicit DuplicateFileFinder(QObject *parent = nullptr);
     ~DuplicateFileFinder() override;
 
-    void setInput(const SizeGroups &sizeGroups, const QStringList &allFiles);
+    void setInput(const SizeGroups &sizeGroups, const QByteArrayList &allFiles);
     void setConfig(const QJsonObject &config);
     void stop();
 
@@ -54,7 +55,7 @@ public:
     static QByteArray calculateFileHash(int method, const QString &path, qint64 knownSize, int driveType);
     // The content or sampled digest of a file the caller has opened; `current` is its size
     // as of the open.
-    static QByteArray hashOpenFile(int method, QFile &file, qint64 current, const QString &path,
+    static QByteArray hashOpenFile(int method, QFile &file, qint64 current, const QByteArray &utf8Path,
                                    qint64 knownSize, int driveType);
 
 signals:
@@ -72,7 +73,7 @@ private:
     void processFolder(const QString &folder);
 
     SizeGroups sizeGroups;
-    QStringList allFiles;
+    QByteArrayList allFiles;
     QStringList m_uniqueImages;
     QHash<QString, DirStat> m_dirStats;
     QHash<QByteArray, QStringList> signatureFolders;

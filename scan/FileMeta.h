@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QByteArray>
 #include <QHash>
 #include <QList>
 #include <QString>
@@ -14,12 +15,15 @@ enum DriveType : qint32
     Unknown = 3,
 };
 
-// One candidate file as the walk found it.
+// One candidate file as the walk found it. The path is kept as UTF-8: a scan holds one
+// record per file until matching, and most paths are ASCII, which UTF-16 would double.
 struct FileMeta
 {
     qint64 size = 0;
-    QString filePath;
+    QByteArray filePath;
     qint32 driveType = DriveType::Unknown;
+
+    QString path() const { return QString::fromUtf8(filePath); }
 };
 
 // The matcher's input: candidate files bucketed by size.

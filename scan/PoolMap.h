@@ -13,6 +13,16 @@
 // so that its own construction is ordered before every use.
 inline constinit std::mutex poolHandOver;
 
+// The indices first, first + 1, ... as a sequence for mapOnPool, for steps that work on
+// the caller's own storage by index.
+struct IndexRange
+{
+    qsizetype first = 0;
+    qsizetype count = 0;
+    qsizetype size() const { return count; }
+    qsizetype at(qsizetype i) const { return first + i; }
+};
+
 // Runs `step` over every item on the global thread pool, the calling thread taking part,
 // and returns when all are done. Items are claimed through an atomic index; hand-overs
 // use standard locks so that the race checker can follow every one of them (QtConcurrent

@@ -63,13 +63,13 @@ QString cleanedPath(const QString &path)
     return QDir::cleanPath(QFileInfo(QDir::fromNativeSeparators(path)).absoluteFilePath());
 }
 
-QStringView suffixOf(const QString &path)
+QByteArrayView suffixOf(const QByteArray &path)
 {
-    const qsizetype slash = path.lastIndexOf(QLatin1Char('/'));
-    const qsizetype dot = path.lastIndexOf(QLatin1Char('.'));
+    const qsizetype slash = path.lastIndexOf('/');
+    const qsizetype dot = path.lastIndexOf('.');
     if (dot < 0 || dot < slash)
-        return QStringView();
-    return QStringView(path).mid(dot + 1);
+        return QByteArrayView();
+    return QByteArrayView(path).sliced(dot + 1);
 }
 
 void logBadName(const QString &folder)
@@ -259,26 +259,26 @@ bool TFileScanner::isIgnoredPath(const QString &path) const
     return !ignorePaths.isEmpty() && ignorePaths.contains(path, Qt::CaseInsensitive);
 }
 
-bool TFileScanner::passesTypeFilter(QStringView suffix) const
+bool TFileScanner::passesTypeFilter(QByteArrayView suffix) const
 {
     if (onlyTypes.isEmpty() && ignoreTypes.isEmpty())
         return true;
-    // Lower-case the suffix without allocating in the usual ASCII case.
+    // Lower-case the UTF-8 suffix without allocating in the usual ASCII case.
     char16_t buffer[32];
     QString heap;
     QStringView lower;
     bool ascii = suffix.size() <= qsizetype(std::size(buffer));
     for (qsizetype i = 0; ascii && i < suffix.size(); ++i) {
-        const char16_t c = suffix.at(i).unicode();
+        const auto c = static_cast<unsigned char>(suffix.at(i));
         if (c >= 0x80)
             ascii = false;
         else
-            buffer[i] = (c >= u'A' && c <= u'Z') ? char16_t(c + (u'a' - u'A')) : c;
+            buffer[i] = (c >= 'A' && c <= 'Z') ? char16_t(c + ('a' - 'A')) : char16_t(c);
     }
     if (ascii) {
         lower = QStringView(buffer, suffix.size());
     } else {
-        heap = suffix.toString().toLower();
+        heap = QString::fromUtf8(suffix).toLower();
         lower = heap;
     }
     if (!onlyTypes.isEmpty() && !onlyTypes.contains(lower))
@@ -286,16 +286,19 @@ bool TFileScanner::passesTypeFilter(QStringView suffix) const
     return !ignoreTypes.contains(lower);
 }
 
-bool TFileScanner::keepFile(const QString &path, bool hidden, qint64 size) const
+bool TFileScanner::keepFile(const QByteArray &path, bool hidden, qint64 size) const
 {
-    if (isIgnoredPath(path) || (ignoreSystemHidden && hidden))
+    if (ignoreSystemHidden && hidden)
         return false;
     if (size < minBytes || size > maxBytes)
+        return false;
+    // Text is made only when a filter asks for it: most scans set none.
+    if (!ignorePaths.isEmpty() && isIgnoredPath(QString::fromUtf8(path)))
         return false;
     return passesTypeFilter(suffixOf(path));
 }
 
-void TFileScanner::offerFile(const DirLister &lister, const QString &path, qint64 size, int driveType)
+void TFileScanner::offerFile(const DirLister &lister, const QByteArray &path, qint64 size, int driveType)
 {
     if (lister.hasOtherHardLinks()) {
         // Every name of a hard-linked file gets here, so the first one wins.
@@ -314,7 +317,7 @@ void TFileScanner::offerFile(const DirLister &lister, const QString &path, qint6
 
 bool TFileScanner::reachedDirectly(const LinkedFile &file) const
 {
-    const QString target = QFileInfo(file.path).canonicalFilePath();
+    const QString target = QFileInfo(QString::fromUtf8(file.path)).canonicalFilePath();
     if (target.isEmpty())
         return false;
     const QFileInfo info(target);
@@ -333,7 +336,7 @@ bool TFileScanner::reachedDirectly(const LinkedFile &file) const
     const QString direct = walked.endsWith(QLatin1Char('/'))
                                ? QString(walked + info.fileName())
                                : QString(walked + QLatin1Char('/') + info.fileName());
-    return keepFile(direct, FileIdentity::isHiddenOrSystem(direct), file.size);
+    return keepFile(direct.toUtf8(), FileIdentity::isHiddenOrSystem(direct), file.size);
 }
 
 void TFileScanner::reportLinkedFiles()
@@ -354,13 +357,13 @@ void TFileScanner::reportLinkedFiles()
     }
 }
 
-void TFileScanner::report(qint64 size, const QString &path, int driveType)
+void TFileScanner::report(qint64 size, const QByteArray &path, int driveType)
 {
     if (batchReports)
         t_batch.append(FileMeta{size, path, driveType});
     else {
         const SignalFence fence;
-        emit fileFound(size, path, driveType);
+        emit fileFound(size, QString::fromUtf8(path), driveType);
     }
     const int count = scannedCount.fetch_add(1, std::memory_order_relaxed) + 1;
     if (count % 100 == 0) {
@@ -403,7 +406,7 @@ void TFileScanner::scanWithQtRecursive(const QString &root)
                 if (id.isValid() ? markFolder(id, path) : !lister.isLink())
                     queue.enqueue(path);
             } else if (lister.kind() == DirLister::File) {
-                offerFile(lister, lister.path(), lister.size(), driveType);
+                offerFile(lister, lister.pathUtf8(), lister.size(), driveType);
             }
         }
     }
@@ -491,13 +494,14 @@ void TFileScanner::processDir(const QString &folder, Walk &walk)
             const DirLister::Kind kind = lister.kind();
             if (kind == DirLister::Other)
                 continue;
-            const QString path = lister.path();
             if (kind == DirLister::File) {
+                const QByteArray path = lister.pathUtf8();
                 const qint64 size = lister.size();
                 if (keepFile(path, lister.isHiddenOrSystem(), size))
                     offerFile(lister, path, size, walk.driveType);
                 continue;
             }
+            const QString path = lister.path();
             if (isIgnoredPath(path) || (ignoreSystemHidden && lister.isHiddenOrSystem()))
                 continue;
             const FileIdentity id = lister.identity();

@@ -74,7 +74,7 @@ private:
     // A file reached through a symbolic link, held back until the end of its root.
     struct LinkedFile
     {
-        QString path;
+        QByteArray path;
         qint64 size = 0;
         FileIdentity id;
         qint32 driveType = 0;
@@ -85,20 +85,20 @@ private:
     void worker(Walk &walk);
     void processDir(const QString &folder, Walk &walk);
     bool isIgnoredPath(const QString &path) const;
-    bool passesTypeFilter(QStringView suffix) const;
+    bool passesTypeFilter(QByteArrayView suffix) const;
     // The filters of the parallel walk for one file.
-    bool keepFile(const QString &path, bool hidden, qint64 size) const;
+    bool keepFile(const QByteArray &path, bool hidden, qint64 size) const;
     // Marks a folder (with the path it is walked under) or a file as seen in this run;
     // false when it was already.
     bool markFolder(const FileIdentity &id, const QString &path);
     bool markFile(const FileIdentity &id);
     bool beginRoot(const QString &root, QString &folder);
     // Reports a file that passed the filters unless this run has reported it already.
-    void offerFile(const DirLister &lister, const QString &path, qint64 size, int driveType);
+    void offerFile(const DirLister &lister, const QByteArray &path, qint64 size, int driveType);
     // Reports the files held back by offerFile whose targets the walk did not report.
     void reportLinkedFiles();
     bool reachedDirectly(const LinkedFile &file) const;
-    void report(qint64 size, const QString &path, int driveType);
+    void report(qint64 size, const QByteArray &path, int driveType);
     // Emits the calling thread's pending batch, if any.
     void flushBatch();
     struct BatchFlush;

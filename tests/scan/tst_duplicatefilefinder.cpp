@@ -38,7 +38,7 @@ SizeGroups bucketsOf(const QStringList &paths, int driveType = SolidState)
 {
     SizeGroups groups;
     for (const QString &path : paths)
-        groups[QFileInfo(path).size()].append({QFileInfo(path).size(), path, driveType});
+        groups[QFileInfo(path).size()].append({QFileInfo(path).size(), path.toUtf8(), driveType});
     return groups;
 }
 
@@ -268,7 +268,7 @@ private slots:
                 writeFile(path, data);
             }
             const qint64 size = f.size() == 3 ? f.at(1).toLongLong() : QFileInfo(path).size();
-            buckets[size].append({size, path, drive});
+            buckets[size].append({size, path.toUtf8(), drive});
             order.append(path);
         }
         const auto named = [&dir](const QString &names) {
@@ -334,7 +334,7 @@ private slots:
             DuplicateFileFinder finder;
             QSignalSpy progress(&finder, &DuplicateFileFinder::progressUpdated);
             QSignalSpy finished(&finder, &DuplicateFileFinder::scanFinished);
-            finder.setInput(bucketsOf(paths), paths);
+            finder.setInput(bucketsOf(paths), {});
             finder.setConfig({{u"scanMethod"_s, delayMs % 2 ? 0 : 2}, {u"scanDupDirectory"_s, true}});
             finder.start();
             if (delayMs >= 0)
@@ -352,7 +352,7 @@ private slots:
         }
         // Destroying a running finder stops it and waits.
         auto *finder = new DuplicateFileFinder;
-        finder->setInput(bucketsOf(paths), paths);
+        finder->setInput(bucketsOf(paths), {});
         finder->start();
         delete finder;
     }

@@ -30,7 +30,7 @@ SizeGroups bucketsOf(const QStringList &paths)
 {
     SizeGroups groups;
     for (const QString &path : paths)
-        groups[QFileInfo(path).size()].append({QFileInfo(path).size(), path, SolidState});
+        groups[QFileInfo(path).size()].append({QFileInfo(path).size(), path.toUtf8(), SolidState});
     return groups;
 }
 } // namespace
@@ -72,7 +72,7 @@ private slots:
         const QStringList paths = buildTree(dir, tree);
         QCOMPARE(paths.size(), tree.count(u';') + 1);
         DuplicateFileFinder finder;
-        finder.setInput(bucketsOf(paths), paths);
+        finder.setInput(bucketsOf(paths), {});
         finder.setConfig(
             {{u"scanMethod"_s, 2}, {u"scanDupDirectory"_s, true}, {u"duplicateSelectHint"_s, 8}});
         finder.processDuplicates();
@@ -133,7 +133,7 @@ private slots:
         const QStringList paths = buildTree(dir, u"A/x=x;A/y=y;B/x=x;B/y=y;C/x=x"_s);
         DuplicateFileFinder finder;
         QSignalSpy progress(&finder, &DuplicateFileFinder::progressUpdated);
-        finder.setInput(bucketsOf(paths), paths);
+        finder.setInput(bucketsOf(paths), {});
         finder.setConfig(
             {{u"scanMethod"_s, 0}, {u"scanDupDirectory"_s, folders}, {u"duplicateSelectHint"_s, 8}});
         finder.start();

@@ -46,7 +46,7 @@ void scan(TFileScanner &scanner, Run &run, const std::function<void()> &onFile =
             &scanner, &TFileScanner::filesFound, &context,
             [&](const QList<FileMeta> &files) {
                 for (const FileMeta &f : files)
-                    record(f.size, f.filePath, f.driveType);
+                    record(f.size, f.path(), f.driveType);
             },
             Qt::DirectConnection);
     QObject::connect(
