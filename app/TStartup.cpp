@@ -4,6 +4,7 @@
 #include "app/EnvelopeReporter.h"
 #include "app/TLogger.h"
 #include "platform/CrashHandler.h"
+#include "platform/HeapTuning.h"
 #ifdef TWINFOLD_HAVE_SENTRY_NATIVE
 #include "app/SentryNativeReporter.h"
 #endif
@@ -26,6 +27,7 @@ QString TStartup::startLine()
 
 bool TStartup::start(const QString &appDir)
 {
+    HeapTuning::apply();
     QString dir = appDir.isEmpty() ? TLogger::appDir() : appDir;
     if (!dir.endsWith(QLatin1Char('/')))
         dir += QLatin1Char('/');
