@@ -114,26 +114,13 @@ private slots:
                  qPrintable(u"%1 %2 %3"_s.arg(corner[0]).arg(corner[1]).arg(corner[2])));
     }
 
-    // OpenCV refuses these with its own exception; the caller's handlers rely on getting
-    // exactly that type back across the module boundary.
-    void refusedInput_data()
-    {
-        QTest::addColumn<int>("kind");
-        QTest::newRow("empty") << 0;
-        QTest::newRow("three channels") << 1;
-        QTest::newRow("not contiguous") << 2;
-    }
+    // OpenCV refuses empty input with its own exception; the reader's handlers rely on
+    // getting exactly that type back across the module boundary.
     void refusedInput()
     {
-        QFETCH(int, kind);
-        const cv::Mat png = asMat(encoded(16, 16, "PNG"));
-        const cv::Mat wide(4, 64, CV_8UC1, cv::Scalar(0));
-        const cv::Mat input = kind == 0   ? cv::Mat()
-                              : kind == 1 ? cv::Mat(1, png.cols / 3, CV_8UC3, png.data)
-                                          : wide.col(3);
         bool caught = false;
         try {
-            ImageCodecs::decode(input, ImageCodecs::ReadColor);
+            ImageCodecs::decode(cv::Mat(), ImageCodecs::ReadColor);
         } catch (const cv::Exception &e) {
             caught = e.code == cv::Error::StsAssert;
         }
