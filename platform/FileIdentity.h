@@ -1,7 +1,5 @@
 #pragma once
 
-#include <QByteArray>
-#include <QFile>
 #include <QHashFunctions>
 #include <QString>
 #include <QtGlobal>
@@ -17,12 +15,6 @@ public:
 
     // Identity of what the path leads to, links followed; invalid when it cannot be read.
     static FileIdentity of(const QString &path);
-    // Opens `utf8Path` for unbuffered reading when it is a regular file (never waiting on a
-    // pipe or device) and returns the identity of what was opened; invalid, with `file`
-    // closed, otherwise. One open and one status call, where a check by path followed
-    // by an open would walk the path twice and could be raced. `size`, when given, gets the
-    // size that same status call read.
-    static FileIdentity openRegular(const QByteArray &utf8Path, QFile &file, qint64 *size = nullptr);
     // True for entries the user normally does not see: on Linux a name starting with a
     // dot, on Windows the hidden or system attribute. False when the path cannot be read.
     static bool isHiddenOrSystem(const QString &path);

@@ -14,26 +14,6 @@ FileIdentity FileIdentity::of(const QString &path)
     return FileIdentity(static_cast<quint64>(st.st_dev), static_cast<quint64>(st.st_ino));
 }
 
-FileIdentity FileIdentity::openRegular(const QByteArray &utf8Path, QFile &file, qint64 *size)
-{
-    if (utf8Path.isEmpty())
-        return FileIdentity();
-    // File names are UTF-8 here, so the bytes go to the system as they are.
-    // Non-blocking so that a fifo without a writer cannot hold the open.
-    const int fd = ::open(utf8Path.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
-    if (fd < 0)
-        return FileIdentity();
-    struct stat st;
-    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) ||
-        !file.open(fd, QIODevice::ReadOnly | QIODevice::Unbuffered, QFileDevice::AutoCloseHandle)) {
-        ::close(fd);
-        return FileIdentity();
-    }
-    if (size)
-        *size = static_cast<qint64>(st.st_size);
-    return FileIdentity(static_cast<quint64>(st.st_dev), static_cast<quint64>(st.st_ino));
-}
-
 bool FileIdentity::mappingSurvivesTruncation()
 {
     return false;

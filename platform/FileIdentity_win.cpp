@@ -2,7 +2,6 @@
 
 #include <QDir>
 
-#include <io.h>
 #include <windows.h>
 
 FileIdentity FileIdentity::of(const QString &path)
@@ -21,26 +20,6 @@ FileIdentity FileIdentity::of(const QString &path)
     CloseHandle(h);
     if (!ok)
         return FileIdentity();
-    const quint64 index = (static_cast<quint64>(info.nFileIndexHigh) << 32) | info.nFileIndexLow;
-    return FileIdentity(static_cast<quint64>(info.dwVolumeSerialNumber), index);
-}
-
-FileIdentity FileIdentity::openRegular(const QByteArray &utf8Path, QFile &file, qint64 *size)
-{
-    const QString path = QString::fromUtf8(utf8Path);
-    file.setFileName(path);
-    if (path.isEmpty() || !file.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
-        return FileIdentity();
-    const HANDLE h = reinterpret_cast<HANDLE>(_get_osfhandle(file.handle()));
-    BY_HANDLE_FILE_INFORMATION info;
-    // Only disk files: a pipe or device name opens too but is not a file to compare.
-    if (h == INVALID_HANDLE_VALUE || GetFileType(h) != FILE_TYPE_DISK ||
-        !GetFileInformationByHandle(h, &info) || (info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
-        file.close();
-        return FileIdentity();
-    }
-    if (size)
-        *size = static_cast<qint64>((static_cast<quint64>(info.nFileSizeHigh) << 32) | info.nFileSizeLow);
     const quint64 index = (static_cast<quint64>(info.nFileIndexHigh) << 32) | info.nFileIndexLow;
     return FileIdentity(static_cast<quint64>(info.dwVolumeSerialNumber), index);
 }

@@ -4,6 +4,7 @@
 #include "app/SignalFence.h"
 #include "app/TLogger.h"
 #include "platform/FileIdentity.h"
+#include "platform/ReadOnlyFile.h"
 #include "result/GroupItemAutoSelector.h"
 #include "scan/FileCategory.h"
 #include "scan/PoolMap.h"
@@ -11,7 +12,6 @@
 
 #include <QCryptographicHash>
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
 #include <QJsonValue>
 #include <QReadWriteLock>
@@ -69,13 +69,28 @@ void logMapFailed(const QString &path)
     logInfo(QStringLiteral("[TDuplicateFinleFinder]: file.map failed.: [%1].").arg(path));
 }
 
-QByteArray sampledKey(QFile &file, qint64 n)
+// Reads exactly `length` bytes at `offset`, going on after short reads; false when the
+// file ends first or a read fails.
+bool readExactly(ReadOnlyFile &file, qint64 offset, char *data, qint64 length)
 {
+    while (length > 0) {
+        const qint64 got = file.readAt(offset, data, length);
+        if (got <= 0)
+            return false;
+        offset += got;
+        data += got;
+        length -= got;
+    }
+    return true;
+}
+
+QByteArray sampledKey(ReadOnlyFile &file, qint64 n)
+{
+    std::array<char, kSampledWholeLimit> buffer;
     if (n <= kSampledWholeLimit) {
-        const QByteArray data = file.read(n);
-        if (data.size() != n)
+        if (!readExactly(file, 0, buffer.data(), n))
             return {};
-        return hexKey(XXH3_64bits(data.constData(), size_t(data.size())));
+        return hexKey(XXH3_64bits(buffer.data(), size_t(n)));
     }
 
     HashState state = newHashState();
@@ -85,46 +100,44 @@ QByteArray sampledKey(QFile &file, qint64 n)
                                            n - kBlockSize};
     // Three positioned reads: mapping the whole file to touch three pages costs far more
     // (the unmap flushes every core's address cache) and gives the same bytes.
-    std::array<char, kBlockSize> buffer;
     for (qint64 offset : offsets) {
-        if (!file.seek(offset))
-            return {};
-        if (file.read(buffer.data(), kBlockSize) != kBlockSize)
+        if (!readExactly(file, offset, buffer.data(), kBlockSize))
             return {};
         XXH3_64bits_update(state.get(), buffer.data(), size_t(kBlockSize));
     }
     return hexKey(XXH3_64bits_digest(state.get()));
 }
 
-QByteArray wholeContentKey(QFile &file, const QByteArray &utf8Path, qint64 size, int driveType)
+QByteArray wholeContentKey(ReadOnlyFile &file, const QByteArray &utf8Path, qint64 size, int driveType)
 {
     // Small files are read: for them a mapping's set-up and unmap cost more than the copy.
     // Where another program could shorten the file under the mapping, it is read too: a
     // read just comes back short, a mapping would crash the scan.
     if (driveType != OtherBus && size > kReadLimit && size <= kMapLimit &&
         FileIdentity::mappingSurvivesTruncation()) {
-        if (uchar *mapped = file.map(0, size)) {
+        if (const uchar *mapped = file.map(size)) {
             const XXH64_hash_t digest = XXH3_64bits(mapped, size_t(size));
-            file.unmap(mapped);
+            file.unmap(mapped, size);
             return hexKey(digest);
         }
         logMapFailed(QString::fromUtf8(utf8Path));
     }
 
-    if (!file.isOpen() || !file.isReadable() || !file.seek(0))
+    if (!file.isOpen())
         return {};
     HashState state = newHashState();
     if (!state)
         return {};
-    QByteArray buffer(kStreamPiece, Qt::Uninitialized);
+    // One buffer per pool thread rather than one allocation per file.
+    static thread_local std::array<char, kStreamPiece> buffer;
     qint64 total = 0;
     for (;;) {
-        const qint64 got = file.read(buffer.data(), kStreamPiece);
+        const qint64 got = file.readAt(total, buffer.data(), kStreamPiece);
         if (got < 0)
             return {};
         if (got == 0)
             break;
-        XXH3_64bits_update(state.get(), buffer.constData(), size_t(got));
+        XXH3_64bits_update(state.get(), buffer.data(), size_t(got));
         total += got;
     }
     // A file that changed length while we read it has no trustworthy key.
@@ -308,13 +321,12 @@ void DuplicateFileFinder::processBucket(const QList<FileMeta> &bucket, QMutex &w
                 key = calculateFileHash(scanMethod, path, meta.size, meta.driveType);
             } else {
                 // One open serves the identity check and the digest.
-                QFile file;
-                qint64 current = 0;
-                const FileIdentity identity = FileIdentity::openRegular(meta.filePath, file, &current);
+                ReadOnlyFile file;
+                const FileIdentity identity = file.open(meta.filePath);
                 if (!identity.isValid() || seen.contains(identity))
                     continue;
                 seen.insert(identity);
-                key = hashOpenFile(scanMethod, file, current, meta.filePath, meta.size, meta.driveType);
+                key = hashOpenFile(scanMethod, file, meta.filePath, meta.size, meta.driveType);
             }
             ++distinct;
             lone = meta.filePath;
@@ -423,12 +435,11 @@ QByteArray DuplicateFileFinder::calculateFileHash(int method, const QString &pat
                                                   int driveType)
 {
     if (method != FileName) {
-        QFile file;
-        qint64 current = 0;
+        ReadOnlyFile file;
         const QByteArray utf8Path = path.toUtf8();
-        if (!FileIdentity::openRegular(utf8Path, file, &current).isValid())
+        if (!file.open(utf8Path).isValid())
             return {};
-        return hashOpenFile(method, file, current, utf8Path, knownSize, driveType);
+        return hashOpenFile(method, file, utf8Path, knownSize, driveType);
     }
     return guardedDigest([&]() -> QByteArray {
         // Only regular files: opening a pipe or device could block or never end.
@@ -439,9 +450,10 @@ QByteArray DuplicateFileFinder::calculateFileHash(int method, const QString &pat
     });
 }
 
-QByteArray DuplicateFileFinder::hashOpenFile(int method, QFile &file, qint64 current,
-                                             const QByteArray &utf8Path, qint64 knownSize, int driveType)
+QByteArray DuplicateFileFinder::hashOpenFile(int method, ReadOnlyFile &file, const QByteArray &utf8Path,
+                                             qint64 knownSize, int driveType)
 {
+    const qint64 current = file.size();
     return guardedDigest([&]() -> QByteArray {
         if (current < 1)
             return {};

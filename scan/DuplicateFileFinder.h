@@ -6,7 +6,6 @@
 #include <QByteArray>
 #include <QByteArrayList>
 #include <QElapsedTimer>
-#include <QFile>
 #include <QHash>
 #include <QJsonObject>
 #include <QMap>
@@ -15,6 +14,8 @@
 #include <QThread>
 
 #include <atomic>
+
+class ReadOnlyFile;
 
 // Groups candidate files (already bucketed by size) by a content key and writes each
 // group of two or more into TFileData, then optionally matches folders whose files
@@ -53,9 +54,9 @@ public:
     // Content key of one file, empty when the file cannot be read or no longer has the
     // size the walk saw. knownSize < 0 means the walk's size is unknown.
     static QByteArray calculateFileHash(int method, const QString &path, qint64 knownSize, int driveType);
-    // The content or sampled digest of a file the caller has opened; `current` is its size
-    // as of the open.
-    static QByteArray hashOpenFile(int method, QFile &file, qint64 current, const QByteArray &utf8Path,
+    // The content or sampled digest of a file the caller has opened; the file's size as of
+    // the open is its current size.
+    static QByteArray hashOpenFile(int method, ReadOnlyFile &file, const QByteArray &utf8Path,
                                    qint64 knownSize, int driveType);
 
 signals:
