@@ -132,13 +132,18 @@ QByteArray wholeContentKey(ReadOnlyFile &file, const QByteArray &utf8Path, qint6
     static thread_local std::array<char, kStreamPiece> buffer;
     qint64 total = 0;
     for (;;) {
-        const qint64 got = file.readAt(total, buffer.data(), kStreamPiece);
+        // Asking for one byte past the known end finds both the end and a file that grew
+        // in the same read, so a small file costs one read instead of two.
+        const qint64 want = std::min(kStreamPiece, size - total + 1);
+        const qint64 got = file.readAt(total, buffer.data(), want);
         if (got < 0)
             return {};
         if (got == 0)
             break;
         XXH3_64bits_update(state.get(), buffer.data(), size_t(got));
         total += got;
+        if (total >= size)
+            break;
     }
     // A file that changed length while we read it has no trustworthy key.
     if (total != size)
