@@ -74,13 +74,6 @@ private slots:
         QVERIFY2(text.contains(modulePath), qPrintable(text));
     }
 
-    // What OpenCV would refuse with an exception just comes back empty here.
-    void nothingThrows()
-    {
-        QVERIFY(ImageCodecs::decode(cv::Mat(), ImageCodecs::ReadColor).empty());
-        QVERIFY(ImageCodecs::read(std::string(), ImageCodecs::ReadReducedColor8).empty());
-    }
-
     // The image reader goes on to Qt's decoders and still gets the picture.
     void readerFallsBack()
     {
