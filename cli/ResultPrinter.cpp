@@ -94,14 +94,19 @@ ResultPrinter::Group ResultPrinter::groupOf(const TFileData &store, const GroupR
         return group;
     }
     const QStringList entries = store.duplicateGroups.value(ref.key);
-    const QSet<QString> selected(selectedList.cbegin(), selectedList.cend());
+    // Most groups have two or three members: a hash of the selection only pays for large ones.
+    constexpr qsizetype kLinearLimit = 16;
+    QSet<QString> selected;
+    if (selectedList.size() > kLinearLimit)
+        selected = QSet<QString>(selectedList.cbegin(), selectedList.cend());
     group.members.reserve(entries.size());
     for (const QString &entry : entries) {
         Member m = memberOf(entry);
         if (m.similarity >= 0)
             group.kind = QStringLiteral("similar");
         m.size = -1; // read by the caller when wanted
-        m.selected = selected.contains(entry);
+        m.selected =
+            selectedList.size() > kLinearLimit ? selected.contains(entry) : selectedList.contains(entry);
         group.members.append(m);
     }
     return group;

@@ -162,10 +162,14 @@ private slots:
     {
         const QString a = write(u"a/one, \"quoted\".txt"_s, "same bytes");
         const QString b = write(u"b/ünïcode.txt"_s, "same bytes");
+        // Enough copies that the printer looks the selection up by hash, not by list.
+        QSet<QString> expected{a + u" 10 true"_s, b + u" 10 true"_s};
+        for (int i = 0; i < 17; ++i)
+            expected.insert(write(u"c/%1.txt"_s.arg(i), "same bytes") + u" 10 true"_s);
         Run r = run({u"scan"_s, u"--format"_s, u"json"_s, u"--select"_s, u"all"_s, data->path()});
         const QJsonObject root = QJsonDocument::fromJson(r.out.toUtf8()).object();
         QVERIFY2(r.status == 0 && root.value(u"version"_s).toString() == u"4.0.0"_s, qPrintable(r.out));
-        QCOMPARE(root.value(u"scannedFiles"_s).toInt(), 2);
+        QCOMPARE(root.value(u"scannedFiles"_s).toInt(), 19);
         QVERIFY(r.out.indexOf(u"\"version\""_s) < r.out.indexOf(u"\"scannedFiles\""_s));
         const QJsonArray groups = root.value(u"groups"_s).toArray();
         const QJsonObject group = groups.at(0).toObject();
@@ -175,13 +179,13 @@ private slots:
         for (const QJsonValue &m : group.value(u"members"_s).toArray())
             members.insert(m[u"path"_s].toString() + u' ' + m[u"size"_s].toVariant().toString() + u' ' +
                            m[u"selected"_s].toVariant().toString());
-        QCOMPARE(members, (QSet<QString>{a + u" 10 true"_s, b + u" 10 true"_s}));
+        QCOMPARE(members, expected);
 
         r = run({u"scan"_s, u"--format"_s, u"csv"_s, data->path()});
         QCOMPARE(r.status, 0);
         QVERIFY2(r.out.contains(u"\""_s + QString(a).replace(u"\""_s, u"\"\""_s) + u"\""_s),
                  qPrintable(r.out));
-        QCOMPARE(r.out.count(u"\r\n"_s), 3); // header and two members
+        QCOMPARE(r.out.count(u"\r\n"_s), 20); // header and the members
     }
 
     // Image similarity has tests of its own; here only the kind, the similarity field and the
