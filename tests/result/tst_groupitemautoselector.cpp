@@ -6,6 +6,8 @@
 #include "TestMain.h"
 
 #include <QImage>
+#include <QRandomGenerator>
+#include <QRegularExpression>
 #include <QtTest>
 
 #include <atomic>
@@ -90,6 +92,25 @@ private slots:
         QFETCH(QString, path);
         QFETCH(qint32, score);
         QCOMPARE(GroupItemAutoSelector::filenameScore(path), score);
+    }
+
+    // The numbering marks are counted by hand for speed; the pattern they stand for is the
+    // reference. Names are drawn from characters that form no listed word.
+    void numberingMarksAgreeWithThePattern()
+    {
+        const QRegularExpression pattern(u"(\\(\\d{1,3}\\)|_\\d{1,3}|-\\d{1,3})"_s,
+                                         QRegularExpression::CaseInsensitiveOption);
+        const QString alphabet = u"()_-0123456789qzx \u0663\u00b2"_s; // an Arabic-Indic digit, a superscript
+        QRandomGenerator rng(7);
+        for (int n = 0; n < 20000; ++n) {
+            QString name;
+            for (int i = int(rng.bounded(1, 14)); i > 0; --i)
+                name += alphabet.at(rng.bounded(alphabet.size()));
+            int marks = 0;
+            for (QRegularExpressionMatchIterator it = pattern.globalMatch(name); it.hasNext(); it.next())
+                ++marks;
+            QCOMPARE(GroupItemAutoSelector::filenameScore(u"/q/"_s + name), 100 - 50 * marks);
+        }
     }
 
     // Rule 3 rows carry a priority table "folder=number;..." of folders inside the group's folder.
