@@ -93,19 +93,17 @@ QByteArray sampledKey(ReadOnlyFile &file, qint64 n)
         return hexKey(XXH3_64bits(buffer.data(), size_t(n)));
     }
 
-    HashState state = newHashState();
-    if (!state)
-        return {};
     const std::array<qint64, 3> offsets = {0, std::clamp(n / 2 - kBlockSize / 2, qint64(0), n - kBlockSize),
                                            n - kBlockSize};
     // Three positioned reads: mapping the whole file to touch three pages costs far more
-    // (the unmap flushes every core's address cache) and gives the same bytes.
-    for (qint64 offset : offsets) {
-        if (!readExactly(file, offset, buffer.data(), kBlockSize))
+    // (the unmap flushes every core's address cache) and gives the same bytes. The blocks
+    // are hashed in one call over the three together, which gives the digest a streaming
+    // state fed block by block would, without allocating the state.
+    for (qsizetype i = 0; i < qsizetype(offsets.size()); ++i) {
+        if (!readExactly(file, offsets[size_t(i)], buffer.data() + i * kBlockSize, kBlockSize))
             return {};
-        XXH3_64bits_update(state.get(), buffer.data(), size_t(kBlockSize));
     }
-    return hexKey(XXH3_64bits_digest(state.get()));
+    return hexKey(XXH3_64bits(buffer.data(), size_t(kSampledWholeLimit)));
 }
 
 QByteArray wholeContentKey(ReadOnlyFile &file, const QByteArray &utf8Path, qint64 size, int driveType)
@@ -125,25 +123,31 @@ QByteArray wholeContentKey(ReadOnlyFile &file, const QByteArray &utf8Path, qint6
 
     if (!file.isOpen())
         return {};
+    // One buffer per pool thread rather than one allocation per file.
+    static thread_local std::array<char, kStreamPiece> buffer;
+    // Asking for one byte past the known end finds both the end and a file that grew in the
+    // same read, so a small file costs one read, and one hash call without a state.
+    qint64 want = std::min(kStreamPiece, size + 1);
+    qint64 got = file.readAt(0, buffer.data(), want);
+    if (got < 0)
+        return {};
+    if (got == size && got < want)
+        return hexKey(XXH3_64bits(buffer.data(), size_t(got)));
     HashState state = newHashState();
     if (!state)
         return {};
-    // One buffer per pool thread rather than one allocation per file.
-    static thread_local std::array<char, kStreamPiece> buffer;
     qint64 total = 0;
-    for (;;) {
-        // Asking for one byte past the known end finds both the end and a file that grew
-        // in the same read, so a small file costs one read instead of two.
-        const qint64 want = std::min(kStreamPiece, size - total + 1);
-        const qint64 got = file.readAt(total, buffer.data(), want);
-        if (got < 0)
-            return {};
-        if (got == 0)
-            break;
+    while (got > 0) {
         XXH3_64bits_update(state.get(), buffer.data(), size_t(got));
         total += got;
-        if (total >= size)
+        // Past the known size the file grew; at it, only a read short of the extra byte
+        // asked for proves the end (a size that is a whole number of pieces reads once more).
+        if (total > size || (total == size && got < want))
             break;
+        want = std::min(kStreamPiece, size - total + 1);
+        got = file.readAt(total, buffer.data(), want);
+        if (got < 0)
+            return {};
     }
     // A file that changed length while we read it has no trustworthy key.
     if (total != size)

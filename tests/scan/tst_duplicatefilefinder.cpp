@@ -1,5 +1,6 @@
 #include "TestMain.h"
 
+#include "platform/ReadOnlyFile.h"
 #include "scan/DuplicateFileFinder.h"
 #include "scan/TFileData.h"
 
@@ -117,6 +118,10 @@ private slots:
             row("sampled big, last byte", 0, 100000, {99999}, false);
             row("sampled big, between blocks", 0, 100000, {4096, 47951, 52048, 95903}, true);
             row("content big, one byte", 2, 300000, {150001}, false);
+            // Around the size read in one piece, where the digest is taken in one call.
+            row("content one piece less a byte", 2, 65535, {65534}, false);
+            row("content one piece", 2, 65536, {65535}, false);
+            row("content one piece and a byte", 2, 65537, {65536}, false);
             row("name, other content", 1, 5000, {10}, true);
         }
     }
@@ -183,15 +188,22 @@ private slots:
                      qPrintable(path));
         // A grown file is sampled over the length the walk saw, so it still meets its former
         // equals; by name or whole content it no longer is what the walk saw.
-        for (qint64 size : {10000, 40000}) {
+        // A file that grows while it is read (after the open took its size) has no whole-
+        // content key either, also when its size is a whole number of read pieces.
+        for (qint64 size : {10000, 40000, 65536, 131072}) {
             const QString path = dir.filePath(u"grown%1"_s.arg(size));
             const QByteArray data = randomBytes(size, 7);
             writeFile(path, data);
             const QByteArray before = DuplicateFileFinder::calculateFileHash(0, path, size, drive);
             QVERIFY(!before.isEmpty());
+            ReadOnlyFile opened;
+            QVERIFY(opened.open(path.toUtf8()).isValid());
             writeFile(path, data + randomBytes(9000, 8));
             QCOMPARE(DuplicateFileFinder::calculateFileHash(method, path, size, drive),
                      method == 0 ? before : QByteArray());
+            if (method != 1) // names are not read from an open file
+                QCOMPARE(DuplicateFileFinder::hashOpenFile(method, opened, path.toUtf8(), size, drive),
+                         method == 0 ? before : QByteArray());
         }
     }
 
