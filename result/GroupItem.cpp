@@ -11,15 +11,15 @@ namespace {
 qsizetype markerAt(const QString &entry)
 {
     static const QString marker = ScanConstants::similarSuffix() + u'_';
-    const qsizetype at = entry.lastIndexOf(marker);
-    const qsizetype digits = at + marker.size();
-    if (at <= 0 || digits >= entry.size() || entry.at(at - 1) == u'/' || entry.at(at - 1) == u'\\')
+    // From the end: the digits, then the marker right before them. Most entries end in a
+    // file suffix and are refused at the first character.
+    qsizetype digits = entry.size();
+    while (digits > 0 && entry.at(digits - 1) >= u'0' && entry.at(digits - 1) <= u'9')
+        --digits;
+    const qsizetype at = digits - marker.size();
+    if (digits == entry.size() || at <= 0 || QStringView(entry).sliced(at, marker.size()) != marker ||
+        entry.at(at - 1) == u'/' || entry.at(at - 1) == u'\\')
         return -1;
-    for (qsizetype i = digits; i < entry.size(); ++i) {
-        const char16_t c = entry.at(i).unicode();
-        if (c < u'0' || c > u'9')
-            return -1;
-    }
     return at;
 }
 } // namespace

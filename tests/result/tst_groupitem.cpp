@@ -52,6 +52,8 @@ private slots:
         QTest::newRow("non-ASCII digits") << u"/x/a_simlar_\u0663"_s << u"/x/a_simlar_\u0663"_s << -1;
         // Stripping would leave the folder's own path, which removal must never take for a member.
         QTest::newRow("marker is the whole name") << u"/x/_simlar_5"_s << u"/x/_simlar_5"_s << -1;
+        QTest::newRow("digits after another word") << u"/x/IMG_simlbr_5"_s << u"/x/IMG_simlbr_5"_s << -1;
+        QTest::newRow("only digits") << u"12"_s << u"12"_s << -1;
         QTest::newRow("empty") << QString() << QString() << -1;
     }
     void realPath()
