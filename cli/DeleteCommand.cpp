@@ -14,7 +14,6 @@
 #include <QEventLoop>
 #include <QFileInfo>
 #include <QSet>
-#include <QTemporaryDir>
 
 namespace {
 using Method = TWIgnoreListPreferences::TWRemovalMethod;
@@ -100,12 +99,7 @@ int DeleteCommand::run(const QStringList &arguments)
             if (!QFileInfo(prefsPath).isFile())
                 return CliText::usageError(QStringLiteral("cannot read preferences file: %1").arg(prefsPath));
         }
-        // A private copy, since the store writes itself back when it goes.
-        QTemporaryDir scratch;
-        const QString copy = scratch.filePath(QStringLiteral("preferences.cfg"));
-        if (QFileInfo::exists(prefsPath))
-            QFile::copy(prefsPath, copy);
-        TWPreferences prefs(copy);
+        const TWPreferences prefs(prefsPath, false);
         method = prefs.ignoreList->RemovealMethod;
         folder = prefs.ignoreList->TrashFolder;
     }

@@ -13,7 +13,6 @@
 
 #include <QCommandLineParser>
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
 #include <QTextStream>
 
@@ -147,14 +146,8 @@ int ScanCommand::parse(const QStringList &arguments)
             return CliText::usageError(
                 QStringLiteral("cannot read preferences file: %1").arg(preferencesPath));
     }
-    // The store saves when it is destroyed; working on a private copy keeps the
-    // overrides of this run out of the real file.
-    if (!scratch.isValid())
-        return CliText::failure(QStringLiteral("cannot create a temporary folder"));
-    const QString copy = scratch.filePath(QStringLiteral("preferences.cfg"));
-    if (QFileInfo::exists(preferencesPath) && !QFile::copy(preferencesPath, copy))
-        return CliText::usageError(QStringLiteral("cannot read preferences file: %1").arg(preferencesPath));
-    preferences = new TWPreferences(copy);
+    // Read only: the overrides of this run must never reach the file.
+    preferences = new TWPreferences(preferencesPath, false);
     return applyOptions(parser);
 }
 

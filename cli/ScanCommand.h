@@ -4,7 +4,6 @@
 
 #include <QObject>
 #include <QStringList>
-#include <QTemporaryDir>
 
 class QCommandLineParser;
 class TControlUI;
@@ -34,7 +33,6 @@ private:
     int applyOptions(QCommandLineParser &parser);
     int applySimilarOptions(QCommandLineParser &parser);
 
-    QTemporaryDir scratch;
     TWPreferences *preferences = nullptr;
     TControlUI *controller = nullptr;
     QStringList roots;

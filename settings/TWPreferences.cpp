@@ -122,16 +122,17 @@ QStringList stringListFrom(const QVariant &stored)
 
 } // namespace
 
-TWPreferences::TWPreferences(const QString &filePath)
+TWPreferences::TWPreferences(const QString &filePath, bool writesBack)
     : general((registerTypes(), new TWGenernalPreferences)), ignoreList(new TWIgnoreListPreferences),
-      selection(new TWSelectionPreferences), m_filePath(filePath)
+      selection(new TWSelectionPreferences), m_filePath(filePath), m_writesBack(writesBack)
 {
     load();
 }
 
 TWPreferences::~TWPreferences()
 {
-    save();
+    if (m_writesBack)
+        save();
     qDebug() << "~TWPreferences()";
     delete general;
     delete ignoreList;

@@ -22,9 +22,11 @@ class TWPreferences
 {
 public:
     // Reads the given file (it need not exist). The command-line front end and the
-    // tests use this to work on a file other than the user's own.
-    explicit TWPreferences(const QString &filePath);
-    // Saves, then deletes the three objects.
+    // tests use this to work on a file other than the user's own. A store that does not
+    // write back leaves the file as it found it: the command line reads the user's
+    // preferences and overrides them for one run only.
+    explicit TWPreferences(const QString &filePath, bool writesBack = true);
+    // Saves (when the store writes back), then deletes the three objects.
     ~TWPreferences();
     Q_DISABLE_COPY_MOVE(TWPreferences)
 
@@ -71,4 +73,5 @@ private:
     static void writeGroup(QSettings &settings, QObject *object, const QString &group);
 
     const QString m_filePath;
+    const bool m_writesBack;
 };

@@ -159,6 +159,23 @@ private slots:
     // group only, skipping entries without a positive number and a path. A save then leaves exactly
     // the keys of a clean file (no map group for an empty map) and sets only an oversized file aside;
     // a folder in the file's place is neither read nor replaced.
+    // A store that does not write back leaves its file as it was, and makes none, whatever
+    // its values were changed to; it still reads what the file holds.
+    void readOnlyStoreLeavesTheFile()
+    {
+        const QByteArray before = "[Duplicate_files]\nscanMethod=1\n";
+        const QString path = freshPath(before), absent = freshPath();
+        {
+            TWPreferences prefs(path, false), none(absent, false);
+            QCOMPARE(prefs.selection->scanMethod, TWSelectionPreferences::scanName);
+            prefs.selection->scanMethod = TWSelectionPreferences::scanAllContent;
+            none.general->hasSimilar = !none.general->hasSimilar;
+        }
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::ReadOnly) && file.readAll() == before);
+        QVERIFY(!QFile::exists(absent));
+    }
+
     void handEditedFiles_data()
     {
         QTest::addColumn<QByteArray>("content"); // empty: a folder
