@@ -12,59 +12,43 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
-#include <random>
-
 using namespace Qt::StringLiterals;
-using Pairs = QList<QList<int>>;
-using Reports = QList<QList<qint64>>;
 
 namespace {
 
 cv::Mat hashOf(quint64 bits)
 {
-    cv::Mat h(1, 8, CV_8UC1);
-    std::memcpy(h.data, &bits, sizeof bits);
-    return h;
+    return cv::Mat(1, 8, CV_8UC1, &bits).clone();
 }
 
-cv::Mat randomHistogram(std::mt19937 &rng)
+cv::Mat randomHistogram(cv::RNG &rng)
 {
-    std::uniform_real_distribution<float> unit(0.f, 1.f);
     cv::Mat h(50, 60, CV_32F, cv::Scalar(0));
     for (int k = 0; k < 40; ++k)
-        h.at<float>(int(unit(rng) * 50) % 50, int(unit(rng) * 60) % 60) += unit(rng);
-    cv::normalize(h, h, 0, 1, cv::NORM_MINMAX);
+        h.at<float>(rng.uniform(0, 50), rng.uniform(0, 60)) += rng.uniform(0.f, 1.f);
     return h;
 }
 
-cv::Mat blend(const cv::Mat &a, const cv::Mat &b, double t)
+// The accepted pairs of one pass as "i-j:percent" words, then the groups they form as "((0, 1))".
+QString matchedPairs(ImageCompareThread &t, QList<ImageData> &images)
 {
-    cv::Mat m = a * (1.0 - t) + b * t;
-    cv::normalize(m, m, 0, 1, cv::NORM_MINMAX);
-    return m;
+    QStringList pairs;
+    QString groups;
+    const std::vector<ImageCompareThread::Pair> matched = t.matchPairs(images);
+    for (const auto &p : matched)
+        pairs.append(u"%1-%2:%3"_s.arg(p.i).arg(p.j).arg(p.percent));
+    QDebug(&groups).nospace() << ImageCompareThread::buildGroups(qint32(images.size()), matched);
+    return pairs.join(u' ') + u" | "_s + groups.remove(u"QList"_s);
 }
 
-// The measure straight from OpenCV, against which the fast pair paths are checked.
-double referenceScore(bool hash, const cv::Mat &a, const cv::Mat &b, double s)
+// Data rows "input -> expected", separated by ';', named after their input.
+void addRows(const QString &rows)
 {
-    if (a.empty() || b.empty() || a.size != b.size || a.type() != b.type())
-        return 0.0;
-    if (hash)
-        return std::trunc(cv::norm(a, b, cv::NORM_HAMMING)) <= std::trunc(8.0 * s) ? 1.0 : 0.0;
-    return 1.0 - cv::compareHist(a, b, cv::HISTCMP_BHATTACHARYYA);
-}
-
-// The accepted pairs of one pass as (i, j, percent) rows.
-Pairs matchedPairs(ImageCompareThread &t, QList<ImageData> &images)
-{
-    Pairs pairs;
-    for (const auto &p : t.matchPairs(images))
-        pairs.append({p.i, p.j, p.percent});
-    return pairs;
-}
-QJsonObject jsonOf(const QString &text)
-{
-    return QJsonDocument::fromJson(text.toUtf8()).object();
+    QTest::addColumn<QString>("input");
+    QTest::addColumn<QString>("expected");
+    for (const QString &row : rows.split(u';'))
+        QTest::newRow(row.section(u" -> "_s, 0, 0).toUtf8().constData())
+            << row.section(u" -> "_s, 0, 0) << row.section(u" -> "_s, 1);
 }
 
 } // namespace
@@ -72,28 +56,25 @@ QJsonObject jsonOf(const QString &text)
 class TestImageCompareThread : public QObject
 {
     Q_OBJECT
-    std::unique_ptr<QTemporaryDir> appDir;
-    std::unique_ptr<QTemporaryDir> files;
+    QTemporaryDir appDir, files;
     int serial = 0;
 
     QString logText() const
     {
         TLogger::flush();
-        QFile f(appDir->filePath(u"Log/"_s + TLogger::todaysFileName()));
+        QFile f(appDir.filePath(u"Log/"_s + TLogger::todaysFileName()));
         return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
     }
 
     // A loaded record whose feature sits in the image cache, under a fresh file name; shape is
-    // "WxH", optionally with ".suffix" (else jpg) and "*" for a stand-in of a duplicate group.
-    ImageData record(const cv::Mat &feature, const QString &shape = u"400x300"_s)
+    // "WxH.suffix", with "*" for a stand-in of a duplicate group.
+    ImageData record(const cv::Mat &feature, const QString &shape = u"400x300.jpg"_s)
     {
-        const QString suffix = shape.section(u'.', 1).remove(u'*');
-        ImageData r(files->filePath(u"r%1."_s.arg(++serial) + (suffix.isEmpty() ? u"jpg"_s : suffix)),
+        ImageData r(files.filePath(u"r%1.%2"_s.arg(++serial).arg(shape.section(u'.', 1).remove(u'*'))),
                     shape.endsWith(u'*'));
         r.suffix = QFileInfo(r.path).suffix();
         r.width = shape.section(u'x', 0, 0).toInt();
-        r.height = shape.section(u'x', 1).section(u'.', 0, 0).remove(u'*').toInt();
-        r.loaded = true;
+        r.height = shape.section(u'x', 1).section(u'.', 0, 0).toInt();
         r.cached = !feature.empty() && ImageCacheManager::instance().insert(r.path, feature);
         return r;
     }
@@ -104,432 +85,303 @@ class TestImageCompareThread : public QObject
         cv::Mat noise(side / 8, side / 8, CV_8UC3), image;
         cv::RNG(seed).fill(noise, cv::RNG::UNIFORM, 0, 256);
         cv::resize(noise, image, cv::Size(side, side), 0, 0, cv::INTER_NEAREST);
-        cv::imwrite(files->filePath(name).toStdString(), image);
-        return files->filePath(name);
-    }
-    // Runs the whole matcher on its thread; the progress reports and the finished signal it sent.
-    Reports run(ImageCompareThread &t, const QString &config, const QStringList &images,
-                const QMap<QString, QStringList> &groups = {})
-    {
-        t.setConfig(jsonOf(config));
-        t.setInput(images, groups);
-        Reports reports;
-        connect(&t, &ImageCompareThread::progressChanged, this, [&](int type, int p) {
-            reports.append({type, p});
-        });
-        connect(&t, &ImageCompareThread::finished, this, [&](int n, qint64 size) {
-            reports.append({-1, n, size});
-        });
-        t.start();
-        if (!t.wait(120000))
-            return {};
-        QCoreApplication::sendPostedEvents();
-        return reports;
+        return cv::imwrite(files.filePath(name).toStdString(), image) ? files.filePath(name) : QString();
     }
 
 private slots:
     void initTestCase()
     {
-        appDir = std::make_unique<QTemporaryDir>();
-        QVERIFY(initLogger(appDir->path()));
-        ImageCacheManager::instance(appDir->filePath(u"cache"_s)).setMaxCache();
+        QVERIFY(initLogger(appDir.path()));
+        ImageCacheManager::instance(appDir.filePath(u"cache"_s)).setMaxCache();
     }
 
-    void init()
-    {
-        files = std::make_unique<QTemporaryDir>();
-        ImageCacheManager::instance().clear();
-        TFileData::instance().clear();
-    }
-
+    // "json | images -> parsed": similarity, features, selection hint, algorithm, aspect limit,
+    // selected, ORB, same type, similar aspect, and whether that many images are matched by hash.
     void settingsAndMeasureChoice_data()
     {
-        QTest::addColumn<QString>("json");
-        QTest::addColumn<qsizetype>("count");
-        // similarity, features, selection hint, algorithm, aspect limit, then as 0/1: selected,
-        // ORB, same type, similar aspect, and whether count images are matched by hash.
-        QTest::addColumn<QList<double>>("expected");
-        const auto row = [](const char *name, const QString &json, qsizetype count, const QList<double> &e) {
-            QTest::newRow(name) << json << count << e;
-        };
-        row("absent, smart at 10000", u"{}"_s, 10000, {0, 0, 0, 0, 0, 0, 0, 0, 0, 0});
-        row("full, hash forced",
-            uR"({"SimilarityValue":90,"FeaturesValue":35,"selectedSimilar":true,"selectionHint":5,
-            "algorithmHint":2,"isAddFeatures":true,"isImageType":true,"isImageSize":true,"imageMinSize":3})"_s,
-            3, {0.9f, 0.35f, 5, 2, 3, 1, 1, 1, 1, 1});
-        row("histogram forced", uR"({"algorithmHint":1})"_s, 50000, {0, 0, 0, 1, 0, 0, 0, 0, 0, 0});
-        row("unknown hint is smart, above 10000", uR"({"algorithmHint":7})"_s, 10001,
-            {0, 0, 0, 7, 0, 0, 0, 0, 0, 1});
-        row("limit 10 kept", uR"({"imageMinSize":10})"_s, 0, {0, 0, 0, 0, 10, 0, 0, 0, 0, 0});
-        row("limit 11 read as 4", uR"({"imageMinSize":11})"_s, 0, {0, 0, 0, 0, 4, 0, 0, 0, 0, 0});
-        row("wrong types", uR"({"SimilarityValue":"90","isImageType":1,"imageMinSize":"3"})"_s, 0,
-            {0, 0, 0, 0, 0, 0, 0, 0, 0, 0});
+        addRows(uR"({} | 10000 -> 0 0 0 0 0 false false false false false;)"
+                uR"({"algorithmHint":7} | 10001 -> 0 0 0 7 0 false false false false true;)"
+                uR"({"algorithmHint":1} | 50000 -> 0 0 0 1 0 false false false false false;)"
+                uR"({"imageMinSize":10} | 0 -> 0 0 0 0 10 false false false false false;)"
+                uR"({"imageMinSize":11} | 0 -> 0 0 0 0 4 false false false false false;)"
+                uR"({"SimilarityValue":90,"FeaturesValue":35,"selectedSimilar":true,"selectionHint":5,)"
+                uR"("algorithmHint":2,"isAddFeatures":true,"isImageType":true,"isImageSize":true,)"
+                uR"("imageMinSize":3} | 3 -> 0.9 0.35 5 2 3 true true true true true;)"
+                uR"({"SimilarityValue":"90","isImageType":1,"imageMinSize":"3"} | 0)"
+                uR"( -> 0 0 0 0 0 false false false false false)"_s);
     }
-
     void settingsAndMeasureChoice()
     {
-        QFETCH(QString, json);
-        QFETCH(qsizetype, count);
-        QFETCH(QList<double>, expected);
+        QFETCH(QString, input);
+        QFETCH(QString, expected);
         ImageCompareThread t;
-        t.setConfig(jsonOf(json));
-        QCOMPARE(
-            (QList<double>{t.similarityValue, t.featuresValue, double(t.selectionHint),
-                           double(t.algorithmHint), double(t.aspectRatioLimit), double(t.selectedSimilar),
-                           double(t.addFeatures), double(t.sameTypeOnly), double(t.similarAspect),
-                           double(ImageCompareThread::chooseHash(t.algorithmHint, count))}),
-            expected);
+        t.setConfig(QJsonDocument::fromJson(input.section(u'|', 0, 0).toUtf8()).object());
+        QString text;
+        QDebug(&text) << t.similarityValue << t.featuresValue << t.selectionHint << t.algorithmHint
+                      << t.aspectRatioLimit << t.selectedSimilar << t.addFeatures << t.sameTypeOnly
+                      << t.similarAspect
+                      << t.chooseHash(t.algorithmHint, input.section(u'|', 1).toLongLong());
+        QCOMPARE(text.trimmed(), expected);
     }
 
+    // The fast pair paths accept exactly the pairs the measure itself accepts, with its percentages,
+    // each record showing the last one in row order: hashes 0 to 9 bits apart around every bit limit,
+    // histogram blends just either side of the threshold, and features the fast paths cannot read.
+    // With room for one pair less the pass stops at the limit and says so; with room for all it does
+    // not.
     void fastDecisionsEqualMeasure_data()
     {
-        QTest::addColumn<bool>("hash");
-        QTest::addColumn<float>("similarity");
-        for (float s : {0.9f, 0.5f, 0.1f, 1.0f, 0.0f, 1.2f})
-            QTest::addRow("hash %.2f", s) << true << s;
-        for (float s : {0.9f, 0.75f, 0.6f, 0.97f, 1.0f, 0.0f})
-            QTest::addRow("histogram %.2f", s) << false << s;
+        addRows(u"hash 0.9;hash 0.1;hash 1;hash 0;hash 1.2;histogram 0.9;histogram 1;histogram 0"_s);
     }
-
     void fastDecisionsEqualMeasure()
     {
-        QFETCH(bool, hash);
-        QFETCH(float, similarity);
-        std::mt19937 rng(1234);
-        std::vector<cv::Mat> features;
-        if (hash) {
-            for (int base = 0; base < 20; ++base) {
-                quint64 v = (quint64(rng()) << 32) | rng();
-                // The base, an identical copy and copies with 1 to 9 bits flipped: at and around
-                // every possible bit limit.
-                features.push_back(hashOf(v));
-                for (int flips = 0; flips <= 9; v ^= quint64(1) << ((base + 7 * flips++) % 64))
-                    features.push_back(hashOf(v));
-            }
-            features.push_back(cv::Mat());
-            features.push_back(cv::Mat(8, 1, CV_8UC1, cv::Scalar(0))); // a shape the measure refuses
-        } else {
-            for (int base = 0; base < 12; ++base) {
-                const cv::Mat a = randomHistogram(rng);
-                const cv::Mat b = randomHistogram(rng);
-                features.push_back(a);
-                // Blends whose score to the base sits just either side of the threshold.
-                double lo = 0.0, hi = 1.0;
-                for (int step = 0; step < 40; ++step) {
-                    const double mid = (lo + hi) / 2;
-                    (1.0 - cv::compareHist(a, blend(a, b, mid), cv::HISTCMP_BHATTACHARYYA) >= similarity
-                         ? lo
-                         : hi) = mid;
-                }
-                for (double t : {lo, hi, 0.0, 0.01, 0.05, 0.2, 0.6})
-                    features.push_back(blend(a, b, t));
-            }
-            // Empty, grey-shaped, double-typed and repeated histograms leave the fast path.
-            features.insert(features.end(),
-                            {cv::Mat(50, 60, CV_32F, cv::Scalar(0)), cv::Mat(256, 1, CV_32F, cv::Scalar(1)),
-                             cv::Mat(256, 1, CV_64F, cv::Scalar(1)), features[0].clone()});
-        }
-
-        QList<ImageData> images;
-        for (const cv::Mat &f : features)
-            images.append(record(f));
-        // The measure applied pair by pair in row order.
-        Pairs expected;
-        QList<int> shown(images.size(), 100), actualShown;
-        for (int i = 0; i < images.size(); ++i) {
-            for (int j = i + 1; j < images.size(); ++j) {
-                const double score = referenceScore(hash, features[i], features[j], double(similarity));
-                if (score >= double(similarity)) {
-                    const int percent = score * 100 == 100 ? 99 : int(score * 100);
-                    expected.append({i, j, percent});
-                    shown[j] = percent;
-                }
-            }
-        }
+        QFETCH(QString, input);
+        const bool hash = input.startsWith(u'h');
+        const float similarity = input.section(u' ', 1).toFloat();
         ImageCompareThread t;
         t.useHash = hash;
         t.similarityValue = similarity;
-        QCOMPARE(matchedPairs(t, images), expected);
+        cv::RNG rng(1234);
+        QList<cv::Mat> features;
+        for (int base = 0; base < 20 && hash; ++base) {
+            const quint64 v = (quint64(rng.next()) << 32) | rng.next();
+            for (int bits = -1; bits <= 9; ++bits) // the hash, an identical copy, 1 to 9 bits flipped
+                features.push_back(hashOf(v ^ ((quint64(1) << std::max(bits, 0)) - 1) << base));
+        }
+        for (int base = 0; base < 12 && !hash; ++base) {
+            // A histogram and blends towards another, two of them just either side of the threshold.
+            const cv::Mat a = randomHistogram(rng), b = randomHistogram(rng);
+            double lo = 0.0, hi = 1.0;
+            for (double mid = 0.5; hi - lo > 1e-12; mid = (lo + hi) / 2)
+                (t.compareFeatures(a, a * (1.0 - mid) + b * mid, 0.0) >= similarity ? lo : hi) = mid;
+            for (double step : {0.0, lo, hi, 0.01, 0.05, 0.2, 0.6})
+                features.push_back(a * (1.0 - step) + b * step);
+        }
+        // Nothing, and features the fast paths cannot read: a repeated one, a hash of another shape, an
+        // empty, a grey-shaped and a double histogram.
+        features << cv::Mat() << features[0].clone() << cv::Mat(8, 1, CV_8UC1, cv::Scalar(0))
+                 << cv::Mat(50, 60, CV_32F, cv::Scalar(0)) << cv::Mat(256, 1, CV_32F, cv::Scalar(1))
+                 << cv::Mat(256, 1, CV_64F, cv::Scalar(1));
+        QList<ImageData> images;
+        QStringList expected;
+        QList<int> shown(features.size(), 100), actual;
+        for (qsizetype i = 0; i < features.size(); ++i) {
+            images.append(record(features[i]));
+            for (qsizetype j = i + 1; j < features.size(); ++j) {
+                const double score = t.compareFeatures(features[i], features[j], similarity);
+                if (score >= double(similarity))
+                    expected << u"%1-%2:%3"_s.arg(i).arg(j).arg(shown[j] = std::min(99, int(score * 100)));
+            }
+        }
+        QCOMPARE(matchedPairs(t, images).section(u" | "_s, 0, 0), expected.join(u' '));
         for (const ImageData &r : std::as_const(images))
-            actualShown.append(r.similarity);
-        QCOMPARE(actualShown, shown);
-        if (!hash && similarity > 0.f && similarity <= 1.f)
-            QVERIFY2(!expected.isEmpty() && expected.size() < images.size() * 4,
-                     "cases must sit on both sides");
+            actual.append(r.similarity);
+        QCOMPARE(actual, shown);
+        // The cases sit on both sides of the threshold.
+        QVERIFY(hash || similarity <= 0.f || (!expected.isEmpty() && expected.size() < images.size() * 4));
+        for (const qsizetype room : {std::max<qsizetype>(expected.size() - 1, 0), expected.size()}) {
+            t.maxPairs = room;
+            QCOMPARE(qsizetype(t.matchPairs(images).size()), room);
+            QCOMPARE(t.pairLimitReached.load(), room < expected.size());
+        }
+        QVERIFY(expected.isEmpty() || logText().contains(u"at [%1] pairs."_s.arg(expected.size() - 1)));
     }
 
-    void pairFilters_data()
+    // Pairs and groups of records "WxH.suffix" ('*' a stand-in of a duplicate group, "#mask" bits
+    // flipped in a common hash) under an aspect limit, on or off: the filters that need no feature
+    // sit inside each measure's own fast path (aspect limit 1 equal ratios only, 0 nothing, at and
+    // one past the limit, no height; same type; stand-ins never pair with each other), so rows of one
+    // feature run with both measures. Groups grow by complete linkage, seeds in index order.
+    void pairsAndGroups_data()
     {
-        QTest::addColumn<int>("limit");
-        QTest::addColumn<bool>("aspectOn");
-        QTest::addColumn<QStringList>("shapes"); // of images with one feature, as record() reads them
-        QTest::addColumn<Pairs>("expected");
-        const auto row = [](const char *name, int limit, bool aspect, const char *shapes,
-                            const Pairs &expected) {
-            QTest::newRow(name) << limit << aspect << QString::fromLatin1(shapes).split(u' ') << expected;
-        };
-        row("limit 1 equal ratios only", 1, true, "400x300 800x600 401x300 300x400", {{0, 1}});
-        row("limit 0 nothing", 0, true, "400x300 400x300 400x300 400x300", {});
-        row("limit 4 boundary", 4, true, "400x100 100x100 401x100 100x401", {{0, 1}, {0, 2}});
-        row("no height never pairs", 4, true, "400x300 400x0 400x300 0x0", {{0, 2}});
-        row("aspect off", 1, false, "400x300 800x100 1x300 0x0",
-            {{0, 1}, {0, 2}, {0, 3}, {1, 2}, {1, 3}, {2, 3}});
-        row("same type only", 4, true, "400x300.png 400x300 400x300.gif 400x300.png", {{0, 3}});
-        row("stand-ins never pair with each other", 4, true, "400x300* 400x300* 400x300 400x300*",
-            {{0, 2}, {1, 2}, {2, 3}});
+        addRows(
+            u"1 on: 400x300.jpg 800x600.jpg 401x300.jpg 300x400.jpg -> 0-1 | ((0, 1));"
+            u"0 on: 400x300.jpg 400x300.jpg 400x300.jpg 400x300.jpg ->  | ();"
+            u"4 on: 400x100.jpg 100x100.jpg 401x100.jpg 100x401.jpg -> 0-1 0-2 | ((0, 1));"
+            u"4 on: 400x300.jpg 400x0.jpg 400x300.jpg 0x0.jpg -> 0-2 | ((0, 2));"
+            u"1 off: 400x300.jpg 800x100.jpg 1x300.jpg 0x0.jpg -> 0-1 0-2 0-3 1-2 1-3 2-3 | ((0, 1, 2, 3));"
+            u"4 on: 400x300.png 400x300.jpg 400x300.gif 400x300.png -> 0-3 | ((0, 3));"
+            u"4 on: 400x300.jpg* 400x300.jpg* 400x300.jpg 400x300.jpg* -> 0-2 1-2 2-3 | ((0, 2));"
+            u"4 on: 1x1.jpg#0 1x1.jpg#127 1x1.jpg#16383 -> 0-1 1-2 | ((0, 1));"
+            u"4 on: 1x1.jpg#0 1x1.jpg#1 1x1.jpg#31 1x1.jpg#4095 1x1.jpg#524287"
+            u" -> 0-1 0-2 1-2 2-3 3-4 | ((0, 1, 2), (3, 4));"
+            u"4 on: 1x1.jpg#0 1x1.jpg#127 1x1.jpg#16383 1x1.jpg#16256 -> 0-1 0-3 1-2 2-3 | ((0, 1), (2, 3));"
+            u"4 on: 1x1.jpg#16383 1x1.jpg#0 1x1.jpg#16383 1x1.jpg#127 -> 0-2 0-3 1-3 2-3 | ((0, 2, 3))"_s);
     }
-
-    void pairFilters()
+    void pairsAndGroups()
     {
-        QFETCH(int, limit);
-        QFETCH(bool, aspectOn);
-        QFETCH(QStringList, shapes);
-        QFETCH(Pairs, expected);
-        for (QList<int> &p : expected)
-            p.append(99);
-        // The filters sit inside each measure's own fast path.
+        QFETCH(QString, input);
+        QFETCH(QString, expected);
+        cv::RNG rng(5);
+        const cv::Mat histogram = randomHistogram(rng);
         for (bool hash : {true, false}) {
             ImageCompareThread t;
-            t.useHash = hash;
+            t.useHash = hash || input.contains(u'#');
             t.similarityValue = 0.9f;
-            t.aspectRatioLimit = limit;
-            t.similarAspect = aspectOn;
-            std::mt19937 rng(5);
-            const cv::Mat feature = hash ? hashOf(0xF0F0'1234'5678'9ABCull) : randomHistogram(rng);
+            t.aspectRatioLimit = input.section(u' ', 0, 0).toInt();
+            t.similarAspect = input.section(u' ', 1, 1) == u"on:";
             QList<ImageData> records;
-            for (const QString &shape : std::as_const(shapes))
-                records.append(record(feature, shape));
-            QCOMPARE(matchedPairs(t, records), expected);
+            for (const QString &spec : input.section(u": "_s, 1).split(u' '))
+                records.append(record(t.useHash ? hashOf(spec.section(u'#', 1).toULongLong()) : histogram,
+                                      spec.section(u'#', 0, 0)));
+            QCOMPARE(matchedPairs(t, records).remove(u":99"_s), expected);
         }
     }
 
-    void grouping_data()
-    {
-        QTest::addColumn<int>("count");
-        QTest::addColumn<Pairs>("pairs");
-        QTest::addColumn<Pairs>("groups");
-        QTest::newRow("chain A-B-C") << 3 << Pairs{{0, 1}, {1, 2}} << Pairs{{0, 1}};
-        QTest::newRow("triangle") << 3 << Pairs{{0, 1}, {0, 2}, {1, 2}} << Pairs{{0, 1, 2}};
-        QTest::newRow("skipped image seeds later")
-            << 5 << Pairs{{0, 1}, {0, 2}, {1, 2}, {2, 3}, {3, 4}} << Pairs{{0, 1, 2}, {3, 4}};
-        QTest::newRow("square without diagonals")
-            << 4 << Pairs{{0, 1}, {1, 2}, {2, 3}, {0, 3}} << Pairs{{0, 1}, {2, 3}};
-        QTest::newRow("clique grows through queue")
-            << 4 << Pairs{{0, 3}, {2, 3}, {0, 2}, {1, 3}} << Pairs{{0, 2, 3}};
-        QTest::newRow("repeated pair") << 3 << Pairs{{0, 2}, {0, 2}} << Pairs{{0, 2}};
-    }
-
-    void grouping()
-    {
-        QFETCH(int, count);
-        QFETCH(Pairs, pairs);
-        QFETCH(Pairs, groups);
-        std::vector<ImageCompareThread::Pair> input;
-        for (const QList<int> &p : std::as_const(pairs))
-            input.push_back({p[0], p[1], 90});
-        QCOMPARE(ImageCompareThread::buildGroups(count, input), groups);
-    }
-
-    // Inputs the measures refuse score 0, with one log line.
-    void refusedInputs()
+    // The histogram measure is 1 - Bhattacharyya distance, the hash one 1 within trunc(8 x similarity)
+    // bits; inputs they refuse score 0, with one log line. ORB: the share of B's descriptors with a
+    // clearly best partner among A's.
+    void measures()
     {
         ImageCompareThread t;
-        cv::Mat pure(50, 60, CV_32F, cv::Scalar(0));
-        pure.at<float>(0, 59) = 1.f;
-        QCOMPARE(t.compareFeatures(cv::Mat(256, 1, CV_32F, cv::Scalar(0.5)), pure, 0.9), 0.0);
-        QVERIFY(logText().contains(u"[ImageCompareThread] OpenCV exception: "_s));
-        QCOMPARE(t.compareFeatures(cv::Mat(1, 8, CV_8U), pure, 0.9), 0.0);
-        QVERIFY(logText().contains(u"[ImageCompareThread] img1 type invalid for compareHist: 0"_s));
-        QCOMPARE(t.compareFeatures(cv::Mat(), pure, 0.0), 0.0);
+        const cv::Mat histogram(50, 60, CV_32F, cv::Scalar(1));
+        QCOMPARE(t.compareFeatures(cv::Mat(256, 1, CV_32F, cv::Scalar(0.5)), histogram, 0.9), 0.0);
+        QCOMPARE(t.compareFeatures(cv::Mat(1, 8, CV_8U), histogram, 0.9), 0.0);
+        QCOMPARE(t.compareFeatures(cv::Mat(), histogram, 0.0), 0.0);
+        cv::RNG rng(3);
+        const cv::Mat a = randomHistogram(rng), b = randomHistogram(rng);
+        QCOMPARE(t.compareFeatures(a, b, 0.9), 1.0 - cv::compareHist(a, b, cv::HISTCMP_BHATTACHARYYA));
         t.useHash = true;
-        // 8 bits <= trunc(8.0); at 0.1 trunc(0.8) = 0 leaves identical hashes only.
         for (const auto &[other, s, score] : QList<std::tuple<quint64, double, double>>{
                  {0xFF, 1.0, 1.0}, {0x1FF, 1.0, 0.0}, {0, 0.1, 1.0}, {1, 0.1, 0.0}})
             QCOMPARE(t.compareFeatures(hashOf(0), hashOf(other), s), score);
         QCOMPARE(t.compareFeatures(hashOf(0), cv::Mat(8, 1, CV_8UC1, cv::Scalar(0)), 0.9), 0.0);
-        QVERIFY(logText().contains(u"[ImageCompareThread] Image size or type mismatch in hash compare."_s));
-
         cv::Mat descriptors(60, 32, CV_8UC1), unrelated(60, 32, CV_8UC1);
         cv::RNG(7).fill(descriptors, cv::RNG::UNIFORM, 0, 256);
         cv::RNG(8).fill(unrelated, cv::RNG::UNIFORM, 0, 256);
         QCOMPARE(ImageCompareThread::orbMatchScore(descriptors.rowRange(0, 1), descriptors), 0.0);
-        QVERIFY(logText().contains(
-            u"[TImageCompareThread]: img1 descriptor count less than 2, skipping knnSearch."_s));
         QCOMPARE(ImageCompareThread::orbMatchScore(cv::Mat(), descriptors), 0.0);
         // A single query row that is in the index matches exactly: 1 of max(60, 1).
         QCOMPARE(ImageCompareThread::orbMatchScore(descriptors, descriptors.rowRange(5, 6)), 1.0 / 60);
         QVERIFY(ImageCompareThread::orbMatchScore(descriptors, descriptors) > 0.9);
         QVERIFY(ImageCompareThread::orbMatchScore(descriptors, unrelated) < 0.5);
-        // Descriptors of the wrong type are refused inside FLANN: caught, scored 0.
         QCOMPARE(ImageCompareThread::orbMatchScore(cv::Mat(10, 4, CV_32F, cv::Scalar(1)), descriptors), 0.0);
+        // A pair given twice is one edge.
+        QCOMPARE(ImageCompareThread::buildGroups(3, {{0, 2, 90}, {0, 2, 90}}),
+                 (QList<QList<qint32>>{{0, 2}}));
+        const QString log = logText();
+        for (const char *line :
+             {"[ImageCompareThread] OpenCV exception: ",
+              "[ImageCompareThread] img1 type invalid for compareHist: 0",
+              "[ImageCompareThread] Image size or type mismatch in hash compare.",
+              "[TImageCompareThread]: img1 descriptor count less than 2, skipping knnSearch."})
+            QVERIFY2(log.contains(QLatin1String(line)), line);
     }
 
-    void emitGroupPlainAndAbsorbed_data()
+    // Two groups into the store, members "name:similarity" ('*' a stand-in): x, y plain, under its
+    // first member's key; w, v absorbing duplicate groups, under the first stored one's key (gone is
+    // not stored: passed over) with its list first, the other's files at 99, then members not yet
+    // listed, while the other group stays. A single member is never written. Each written group as
+    // "entries | selected": the rule's choice, and in an absorbed group also the earlier one.
+    void emitGroup_data()
     {
-        QTest::addColumn<bool>("absorb");
-        QTest::addColumn<int>("rule");
-        QTest::newRow("plain, select all") << false << int(SelectAll);
-        QTest::newRow("plain, deselect") << false << int(Deselect);
-        QTest::newRow("absorbed, select all") << true << int(SelectAll);
-        QTest::newRow("absorbed, deselect keeps earlier choice") << true << int(Deselect);
+        addRows(u"select all -> d1a d1b d2a_simlar_99 d2b_simlar_99 w_simlar_100 gone_simlar_95 v_simlar_87 |"
+                u" d1a d1b d2a_simlar_99 d2b_simlar_99 w_simlar_100 gone_simlar_95 v_simlar_87 / d2a d2b d1b"
+                u" |  / x_simlar_100 y_simlar_87 | x_simlar_100 y_simlar_87;deselect keeps earlier choice ->"
+                u" d1a d1b d2a_simlar_99 d2b_simlar_99 w_simlar_100 gone_simlar_95 v_simlar_87 | d1b /"
+                u" d2a d2b d1b |  / x_simlar_100 y_simlar_87 | "_s);
     }
-
-    void emitGroupPlainAndAbsorbed()
+    void emitGroup()
     {
-        QFETCH(bool, absorb);
-        QFETCH(int, rule);
-        const QString x = writeTexture(u"x.png"_s, 1), y = writeTexture(u"y.png"_s, 2);
-        const auto path = [this](const char *name) { return files->filePath(QString::fromLatin1(name)); };
-        // The group of gone is not stored: it is passed over.
-        const QString d1a = path("d1a.png"), d1b = path("d1b.png"), d2a = path("d2a.png"),
-                      d2b = path("d2b.png"), gone = path("gone.png");
+        QFETCH(QString, input);
+        QFETCH(QString, expected);
+        const auto path = [this](const QString &name) { return files.filePath(name + u".png"_s); };
         TFileData &store = TFileData::instance();
-        store.addDuplicateGroup(groupKey(d1a), {d1a, d1b});
-        store.addDuplicateGroup(groupKey(d2a), {d2a, d2b, d1b});
-        store.setSelected(groupKey(d1a), {d1b});
+        store.clear();
+        store.addDuplicateGroup(groupKey(path(u"d1a"_s)), {path(u"d1a"_s), path(u"d1b"_s)});
+        store.addDuplicateGroup(groupKey(path(u"d2a"_s)), {path(u"d2a"_s), path(u"d2b"_s), path(u"d1b"_s)});
+        store.setSelected(groupKey(path(u"d1a"_s)), {path(u"d1b"_s)});
         ImageCompareThread t;
         t.selectedSimilar = true;
-        t.selectionHint = rule;
-        QList<ImageData> group;
-        for (const auto &[member, standIn, similarity] : QList<std::tuple<QString, bool, int>>{
-                 {x, false, 100}, {d1a, true, 97}, {gone, true, 95}, {d2a, true, 93}, {y, false, 87}}) {
-            if (standIn && !absorb)
-                continue;
-            group.append(ImageData(member, standIn));
-            group.back().pathKey = groupKey(member);
-            group.back().similarity = similarity;
+        t.selectionHint = input == u"select all" ? SelectAll : Deselect;
+        for (const QString &members : {u"x:100 y:87"_s, u"w:100 *d1a:97 *gone:95 *d2a:93 v:87"_s}) {
+            QList<ImageData> group;
+            for (const QString &member : members.split(u' ')) {
+                const QString name = member.section(u':', 0, 0).remove(u'*');
+                if (!member.startsWith(u'*'))
+                    writeTexture(name + u".png"_s, 1);
+                group.append(ImageData(path(name), member.startsWith(u'*')));
+                group.back().pathKey = groupKey(group.back().path);
+                group.back().similarity = member.section(u':', 1).toInt();
+            }
+            t.emitGroup(group);
+            t.emitGroup(group.mid(0, 1));
         }
-        t.emitGroup(group);
-        t.emitGroup(group.mid(0, 1)); // a single member is never written
-
-        const QString key = groupKey(absorb ? d1a : x);
-        const auto shown = [](const QString &p, int n) -> QString {
-            return p + u"_simlar_"_s + QString::number(n);
-        };
-        QStringList entries{shown(x, 100), shown(gone, 95), shown(y, 87)};
-        entries = absorb ? QStringList{d1a, d1b, shown(d2a, 99), shown(d2b, 99)} + entries
-                         : QStringList{entries[0], entries[2]};
-        QCOMPARE(store.duplicateGroups.value(key), entries);
-        QCOMPARE(store.duplicateGroups.size(), absorb ? 2 : 3);
-        QVERIFY(!absorb || store.duplicateGroups.value(groupKey(d2a)).size() == 3);
-        QCOMPARE(store.selectedFiles.value(key), rule == SelectAll ? entries
-                                                 : absorb          ? QStringList{d1b}
-                                                                   : QStringList{});
+        // Each group under the key of its first entry's file.
+        QStringList text;
+        for (auto it = store.duplicateGroups.cbegin(); it != store.duplicateGroups.cend(); ++it)
+            text << (groupKey(it->value(0).section(u"_simlar"_s, 0, 0)) == it.key() ? u""_s : u"key? "_s) +
+                        it->join(u' ') + u" | "_s + store.selectedFiles.value(it.key()).join(u' ');
+        text.sort();
+        QCOMPARE(text.join(u" / "_s).remove(files.path() + u'/').remove(u".png"_s), expected);
         QCOMPARE(QList<qint64>({t.groupedCount.load(), t.groupedSize.load()}),
-                 QList<qint64>({2, QFileInfo(x).size() + QFileInfo(y).size()}));
+                 QList<qint64>({4, 4 * QFileInfo(path(u"x"_s)).size()}));
     }
 
-    void fullRunWithOrbThinning_data()
+    // Whole runs on files. Without a stop, s0 and s1 join the stand-in of the duplicate group e, e2
+    // while s2 differs, unless the ORB bar thins the group out to one member, which is not written;
+    // each phase ends at 100, matching only once. Many identical images would form one big group: a
+    // stop during matching or ORB leaves it smaller, only tasks already under way may still report,
+    // and the run finishes once. Loading with the stop flag set leaves every record untouched.
+    void wholeRun_data() { addRows(u"ORB bar 20;ORB bar 101;stop at phase 3;stop at phase 4"_s); }
+    void wholeRun()
     {
-        QTest::addColumn<int>("features");
-        QTest::addColumn<bool>("kept");
-        QTest::newRow("kept") << 20 << true;
-        QTest::newRow("thinned to one") << 101 << false;
-    }
-
-    void fullRunWithOrbThinning()
-    {
-        QFETCH(int, features);
-        QFETCH(bool, kept);
-        const QStringList images{writeTexture(u"a.png"_s, 3), writeTexture(u"b.png"_s, 3),
-                                 writeTexture(u"c.png"_s, 4), writeTexture(u"e.png"_s, 3)};
-        const QString e2 = files->filePath(u"e2.png"_s), dupKey = groupKey(images[3]);
-        QVERIFY(QFile::copy(images[3], e2));
-        TFileData::instance().addDuplicateGroup(dupKey, {images[3], e2});
+        QFETCH(QString, input);
+        const int features = input.startsWith(u"ORB"_s) ? input.section(u' ', -1).toInt() : 10;
+        const int stopPhase = input.startsWith(u"stop"_s) ? input.section(u' ', -1).toInt() : 0;
+        TFileData::instance().clear();
+        // ORB needs room for its border, so only matching stops on small images.
+        QStringList images;
+        for (int k = 0; k < (stopPhase == 3 ? 300 : stopPhase ? 40 : 3); ++k)
+            images << writeTexture(u"s%1.png"_s.arg(k), stopPhase ? 9 : 3 + k / 2, stopPhase == 3 ? 64 : 256);
+        const QString e = writeTexture(u"e.png"_s, 3), e2 = writeTexture(u"e2.png"_s, 3);
+        TFileData::instance().addDuplicateGroup(groupKey(e), {e, e2});
         ImageCompareThread t;
-        const Reports reports =
-            run(t, uR"({"SimilarityValue":90,"isAddFeatures":true,"isImageType":true,"isImageSize":true,
-                    "imageMinSize":4,"algorithmHint":1,"FeaturesValue":%1})"_s.arg(features),
-                images.mid(0, 3), {{dupKey, {images[3], e2}}});
-
-        // a and b join the stand-in of e and e2; c differs; the ORB bar may thin them out again.
-        QCOMPARE(reports.last(),
-                 (QList<qint64>{-1, kept ? 2 : 0, kept ? QFileInfo(images[0]).size() * 2 : 0}));
-        const QStringList joined{images[0] + u"_simlar_99"_s, images[1] + u"_simlar_99"_s};
-        QCOMPARE(TFileData::instance().duplicateGroups.value(dupKey),
-                 QStringList({images[3], e2}) + (kept ? joined : QStringList{}));
-        for (int phase : {2, 4})
-            QVERIFY(reports.contains(QList<qint64>{phase, 100}));
-        QCOMPARE(reports.count(QList<qint64>{3, 100}), 1);
+        QList<ImageData> unloaded;
+        t.setInput(images.mid(0, 1), {});
+        t.stop();
+        t.loadImages(unloaded);
+        QVERIFY(unloaded.size() == 1 && !unloaded[0].loaded);
+        // The first report of the phase stops the run.
+        std::atomic<int> stoppedAt{-1}, afterStop{0};
+        const auto stopper = [&](int type, int p) {
+            int none = -1;
+            if (type == stopPhase && p < 100)
+                stoppedAt.compare_exchange_strong(none, p) ? t.stop() : void(++afterStop);
+        };
+        connect(&t, &ImageCompareThread::progressChanged, &t, stopper, Qt::DirectConnection);
+        // Progress as "phase:percent", the end as "done count size".
+        QStringList out;
+        connect(&t, &ImageCompareThread::progressChanged, &t,
+                [&](int a, int b) { out << u"%1:%2"_s.arg(a).arg(b); });
+        connect(&t, &ImageCompareThread::finished, &t,
+                [&](int a, qint64 b) { out << u"done %1 %2"_s.arg(a).arg(b); });
+        t.similarityValue = 0.9f;
+        t.featuresValue = float(features) / 100.f;
+        t.algorithmHint = stopPhase ? ImageCompareThread::HashAlgorithm : ImageCompareThread::SmartAlgorithm;
+        t.setInput(images, {{groupKey(e), {e, e2}}});
+        t.start();
+        QVERIFY(t.wait(120000));
+        QCoreApplication::sendPostedEvents();
+        QVERIFY(out.last().startsWith(u"done"_s) && out.filter(u"done"_s).size() == 1);
         const QString log = logText();
+        if (stopPhase) {
+            QVERIFY(stoppedAt.load() >= 0 && out.last().section(u' ', 1, 1).toInt() < images.size());
+            QVERIFY2(afterStop.load() <= 4, qPrintable(QString::number(afterStop.load())));
+            QVERIFY(log.contains(u"[TImageCompareThread]: Hash matching process completed. Time taken: ["_s));
+            return;
+        }
+        const bool kept = features <= 100;
+        QCOMPARE(out.last(), u"done %1 %2"_s.arg(kept ? 2 : 0).arg(kept ? QFileInfo(e).size() * 2 : 0));
+        const QStringList joined{images[0] + u"_simlar_99"_s, images[1] + u"_simlar_99"_s};
+        QCOMPARE(TFileData::instance().duplicateGroups.value(groupKey(e)),
+                 QStringList({e, e2}) + (kept ? joined : QStringList()));
+        QVERIFY(out.contains(u"2:100"_s) && out.contains(u"4:100"_s) && out.count(u"3:100"_s) == 1);
         for (const QString &line :
              {u"[TImageCompareThread]: Start loading image data, number of images [4]..."_s,
               u"[TImageCompareThread]: Histogram matching process completed. Time taken: ["_s,
               u"[TImageCompareThread]: Start OBR special symptom point deduplication. Quantity: [1]..."_s})
             QVERIFY2(log.contains(line), qPrintable(line));
-    }
-
-    void stopDuringPhases_data()
-    {
-        QTest::addColumn<int>("phase");
-        QTest::newRow("matching") << 3;
-        QTest::newRow("orb") << 4;
-    }
-
-    void stopDuringPhases()
-    {
-        QFETCH(int, phase);
-        // Many identical images: without the stop every row pairs and one big group forms.
-        // ORB needs room for its border, so its images are larger.
-        QStringList images{writeTexture(u"s0.png"_s, 9, phase == 3 ? 64 : 256)};
-        const int count = phase == 3 ? 300 : 40;
-        for (int k = 1; k < count; ++k) {
-            images.append(files->filePath(u"s%1.png"_s.arg(k)));
-            QVERIFY(QFile::copy(images[0], images.back()));
-        }
-        ImageCompareThread t;
-        std::atomic<int> stoppedAt{-1}, afterStop{0};
-        connect(
-            &t, &ImageCompareThread::progressChanged, this,
-            [&](int type, int p) {
-                int none = -1;
-                if (type != phase || p >= 100)
-                    return;
-                if (stoppedAt.compare_exchange_strong(none, p))
-                    t.stop();
-                else
-                    afterStop.fetch_add(1);
-            },
-            Qt::DirectConnection);
-        const Reports reports =
-            run(t, uR"({"SimilarityValue":90,"FeaturesValue":10,"isAddFeatures":true,"algorithmHint":2})"_s,
-                images);
-        QCOMPARE(std::count_if(reports.cbegin(), reports.cend(),
-                               [](const QList<qint64> &r) { return r[0] == -1; }),
-                 1);
-        QVERIFY(stoppedAt.load() >= 0);
-        // Only tasks already under way may still report.
-        QVERIFY2(afterStop.load() <= 4, qPrintable(QString::number(afterStop.load())));
-        qsizetype largest = 0;
-        for (const QStringList &g : std::as_const(TFileData::instance().duplicateGroups))
-            largest = std::max(largest, g.size());
-        QVERIFY(largest < count);
-        QVERIFY(
-            logText().contains(u"[TImageCompareThread]: Hash matching process completed. Time taken: ["_s));
-    }
-
-    void pairLimitStopsQuietly()
-    {
-        ImageCompareThread t;
-        QList<ImageData> images, unloaded;
-        for (int k = 0; k < 40; ++k)
-            images.append(record(hashOf(42)));
-        // Loading with the stop flag set leaves every record untouched.
-        t.setInput({images[0].path}, {});
-        t.stop();
-        t.loadImages(unloaded);
-        QVERIFY(unloaded.size() == 1 && !unloaded[0].loaded);
-        t.cancelled = false;
-        t.useHash = true;
-        t.similarityValue = 0.9f;
-        t.maxPairs = 50;
-        QCOMPARE(t.matchPairs(images).size(), size_t(50));
-        QVERIFY(t.pairLimitReached.load());
-        QVERIFY(logText().contains(
-            u"[TImageCompareThread]: Too many similar pairs, matching stopped at [50] pairs."_s));
-        t.maxPairs = 10000;
-        QCOMPARE(t.matchPairs(images).size(), size_t(40 * 39 / 2));
-        QVERIFY(!t.pairLimitReached.load());
     }
 };
 
