@@ -153,12 +153,6 @@ private slots:
                  (QMap<QString, qint32>{{u"/m"_s, 2}, {u"/z"_s, 4}}));
     }
 
-    // Hand-edited and damaged files. "group/key=value -> dump line" rows: accepted values take effect;
-    // anything else (out of range, wrong type, wrong group, foreign variant, broken lines) leaves
-    // every default (no dump line), and no other key changes. The priority map is read from its own
-    // group only, skipping entries without a positive number and a path. A save then leaves exactly
-    // the keys of a clean file (no map group for an empty map) and sets only an oversized file aside;
-    // a folder in the file's place is neither read nor replaced.
     // A store that does not write back leaves its file as it was, and makes none, whatever
     // its values were changed to; it still reads what the file holds.
     void readOnlyStoreLeavesTheFile()
@@ -176,6 +170,12 @@ private slots:
         QVERIFY(!QFile::exists(absent));
     }
 
+    // Hand-edited and damaged files. "group/key=value -> dump line" rows: accepted values take effect;
+    // anything else (out of range, wrong type, wrong group, foreign variant, broken lines) leaves
+    // every default (no dump line), and no other key changes. The priority map is read from its own
+    // group only, skipping entries without a positive number and a path. A save then leaves exactly
+    // the keys of a clean file (no map group for an empty map) and sets only an oversized file aside;
+    // a folder in the file's place is neither read nor replaced.
     void handEditedFiles_data()
     {
         QTest::addColumn<QByteArray>("content"); // empty: a folder
