@@ -17,6 +17,7 @@
 #include <QReadWriteLock>
 #include <QSet>
 #include <QThreadPool>
+#include <QVarLengthArray>
 
 #include <xxhash.h>
 
@@ -59,9 +60,15 @@ void handOver(QMutex &fence)
     QMutexLocker locker(&fence);
 }
 
+// The digest as 16 lower-case hex digits, zero-padded, written straight into its one
+// allocation: this runs once per file the matcher reads.
 QByteArray hexKey(XXH64_hash_t digest)
 {
-    return QByteArray::number(quint64(digest), 16).rightJustified(16, '0');
+    static constexpr char digits[] = "0123456789abcdef";
+    QByteArray key(16, Qt::Uninitialized);
+    for (qsizetype i = 15; i >= 0; --i, digest >>= 4)
+        key[i] = digits[digest & 0xf];
+    return key;
 }
 
 void logMapFailed(const QString &path)
@@ -312,9 +319,30 @@ void DuplicateFileFinder::processBucket(const QList<FileMeta> &bucket, QMutex &w
     // files and second listings of one file (the same path twice, or a link to it)
     // before anything is opened: a file must never be grouped with itself.
     // Paths stay UTF-8 until a file joins a group: text is made only for what is kept.
-    QHash<QByteArray, QByteArrayList> byKey;
+    // Most buckets hold two or three files, so the bookkeeping lives on the stack and is
+    // searched in order; a hash only pays for a large bucket.
+    struct Keyed
+    {
+        QByteArray key;
+        QByteArray path;
+    };
+    constexpr qsizetype kSmallBucket = 32;
+    QVarLengthArray<Keyed, kSmallBucket> keyed;
     if (size > 0) {
-        QSet<FileIdentity> seen;
+        QVarLengthArray<FileIdentity, kSmallBucket> seenInOrder;
+        QSet<FileIdentity> seenHashed;
+        const bool large = bucket.size() > kSmallBucket;
+        const auto firstSight = [&](const FileIdentity &identity) {
+            if (large) {
+                const qsizetype before = seenHashed.size();
+                seenHashed.insert(identity);
+                return seenHashed.size() != before;
+            }
+            if (std::find(seenInOrder.cbegin(), seenInOrder.cend(), identity) != seenInOrder.cend())
+                return false;
+            seenInOrder.append(identity);
+            return true;
+        };
         qsizetype distinct = 0;
         QByteArray lone;
         for (const FileMeta &meta : bucket) {
@@ -324,49 +352,54 @@ void DuplicateFileFinder::processBucket(const QList<FileMeta> &bucket, QMutex &w
             if (scanMethod == FileName) {
                 const QString path = meta.path();
                 const FileIdentity identity = FileIdentity::of(path);
-                if (!identity.isValid() || seen.contains(identity))
+                if (!identity.isValid() || !firstSight(identity))
                     continue;
-                seen.insert(identity);
                 key = calculateFileHash(scanMethod, path, meta.size, meta.driveType);
             } else {
                 // One open serves the identity check and the digest.
                 ReadOnlyFile file;
                 const FileIdentity identity = file.open(meta.filePath);
-                if (!identity.isValid() || seen.contains(identity))
+                if (!identity.isValid() || !firstSight(identity))
                     continue;
-                seen.insert(identity);
                 key = hashOpenFile(scanMethod, file, meta.filePath, meta.size, meta.driveType);
             }
             ++distinct;
             lone = meta.filePath;
             if (!key.isEmpty())
-                byKey[key].append(meta.filePath);
+                keyed.append(Keyed{key, meta.filePath});
         }
         // A bucket that shrank to one file (the rest vanished or were links to it) is
         // no group, but its file may still be a unique image.
         if (distinct == 1) {
-            byKey.clear();
-            byKey.insert(QByteArray(), {lone});
+            keyed.clear();
+            keyed.append(Keyed{QByteArray(), lone});
         }
     }
 
-    for (auto it = byKey.cbegin(); it != byKey.cend(); ++it) {
+    // Equal keys side by side, each run in bucket order, so a group's first path is the
+    // first file of the bucket that had this content.
+    std::stable_sort(keyed.begin(), keyed.end(),
+                     [](const Keyed &a, const Keyed &b) { return a.key < b.key; });
+    for (qsizetype start = 0; start < keyed.size();) {
         if (stopRequested)
             return;
-        const QByteArrayList &members = it.value();
-        if (members.size() >= 2) {
+        qsizetype end = start + 1;
+        while (end < keyed.size() && keyed[end].key == keyed[start].key)
+            ++end;
+        if (end - start >= 2) {
             QStringList paths;
-            paths.reserve(members.size());
-            for (const QByteArray &member : members)
-                paths.append(QString::fromUtf8(member));
-            storeGroup(paths, it.key(), size, writerMutex);
-        } else if (members.size() == 1) {
-            const QString path = QString::fromUtf8(members.constFirst());
+            paths.reserve(end - start);
+            for (qsizetype k = start; k < end; ++k)
+                paths.append(QString::fromUtf8(keyed[k].path));
+            storeGroup(paths, keyed[start].key, size, writerMutex);
+        } else {
+            const QString path = QString::fromUtf8(keyed[start].path);
             if (isImageFile(path)) {
                 QMutexLocker locker(&writerMutex);
                 m_uniqueImages.append(path);
             }
         }
+        start = end;
     }
     reportBucketDone();
 }

@@ -238,6 +238,14 @@ private slots:
             u"a.png:500:1;b.png:500:2;c.jpg:600:3;d.jpg:600:3;e.jpg:700:4;f.jpg:700:4;g.txt:800:5;"
             "never/existed.jpg:12345:-;missing.txt:99:-"_s,
             "f.jpg", "c.jpg,d.jpg", {0}, "a.png,b.png,e.jpg,never/existed.jpg");
+        // A bucket too large to be searched in order: every other file alike, plus a second
+        // listing and a link, which must not join their own group.
+        QString big, bigGroup;
+        for (int i = 0; i < 40; ++i) {
+            big += u"b/f%1:5000:%2;"_s.arg(i).arg(i % 2 ? 100 + i : 7);
+            bigGroup += i % 2 ? QString() : u"b/f%1,"_s.arg(i);
+        }
+        row("large bucket", big + u"b/f0;b/l>b/f2"_s, "", qPrintable(bigGroup));
         // Sixty files of a few sizes, some equal and some one byte apart, in three folders.
         const Bytes large{0, 3, 12289, 65536, 65537, 200000};
         for (const auto &[name, method, drive, sizes] : QList<std::tuple<const char *, int, int, Bytes>>{
