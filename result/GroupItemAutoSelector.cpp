@@ -217,19 +217,39 @@ QStringList allExcept(const QStringList &paths, const QString &kept)
 
 QStringList selectRanked(const QStringList &paths, int rule)
 {
-    QMap<qint64, QList<qsizetype>> byKey;
+    // The first member with the smallest and with the largest key, and the last member of
+    // all when every key is the same.
+    qsizetype firstSmallest = -1, firstLargest = -1, last = -1;
+    qint64 smallest = 0, largest = 0;
+    bool allEqual = true;
     for (qsizetype i = 0; i < paths.size(); ++i) {
-        if (const std::optional<qint64> key = rankKey(GroupItem::realPath(paths.at(i)), rule))
-            byKey[*key].append(i);
+        const std::optional<qint64> key = rankKey(GroupItem::realPath(paths.at(i)), rule);
+        if (!key)
+            continue;
+        if (last < 0) {
+            firstSmallest = firstLargest = i;
+            smallest = largest = *key;
+        } else {
+            allEqual = allEqual && *key == smallest;
+            if (*key < smallest) {
+                smallest = *key;
+                firstSmallest = i;
+            }
+            if (*key > largest) {
+                largest = *key;
+                firstLargest = i;
+            }
+        }
+        last = i;
     }
-    if (byKey.isEmpty())
+    if (last < 0)
         return {};
 
     qsizetype kept = 0;
-    if (byKey.size() == 1)
-        kept = keepsLastOnTie(rule) ? byKey.first().constLast() : byKey.first().constFirst();
+    if (allEqual)
+        kept = keepsLastOnTie(rule) ? last : firstSmallest;
     else
-        kept = (keepsLargest(rule) ? byKey.last() : byKey.first()).constFirst();
+        kept = keepsLargest(rule) ? firstLargest : firstSmallest;
     return allExcept(paths, paths.at(kept));
 }
 } // namespace

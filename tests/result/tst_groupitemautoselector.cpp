@@ -130,6 +130,7 @@ private slots:
         row("newest: first oldest kept", "a.txt|4|300;b.txt|4|100;c.txt|4|100", SelectNewest, "a.txt;c.txt");
         row("oldest: newest kept", ages, SelectOldest, "b.txt;c.txt");
         row("oldest: tie keeps first", sameAge, SelectOldest, "b.txt");
+        row("oldest: first newest kept", "a.txt|4|100;b.txt|4|300;c.txt|4|300", SelectOldest, "a.txt;c.txt");
         row("oldest: one second apart", "a.txt|4|100;b.txt|4|101", SelectOldest, "a.txt");
         // A vanished member is never the one that stays.
         row("newest: vanished never kept", "a.txt|4|1;gone.txt|-;c.txt|4|2", SelectNewest, "gone.txt;c.txt");
