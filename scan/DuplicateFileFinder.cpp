@@ -283,6 +283,8 @@ void DuplicateFileFinder::processDuplicates()
     sizeGroups = SizeGroups();
 
     const qsizetype total = candidates.size();
+    // Nearly every candidate bucket becomes one group.
+    TFileData::instance().reserveDuplicateGroups(total);
     {
         QMutexLocker locker(&progressMutex);
         totalBuckets = total;

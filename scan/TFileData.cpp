@@ -18,6 +18,13 @@ void TFileData::clear()
     selectedFiles.clear();
 }
 
+void TFileData::reserveDuplicateGroups(qsizetype more)
+{
+    ReadWriteLockGuard locker(lock, ReadWriteLockGuard::Write);
+    duplicateGroups.reserve(duplicateGroups.size() + more);
+    selectedFiles.reserve(selectedFiles.size() + more);
+}
+
 void TFileData::addDuplicateGroup(const QString &key, const QStringList &paths)
 {
     duplicateGroups.insert(key, paths);
