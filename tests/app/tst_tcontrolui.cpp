@@ -1,4 +1,5 @@
 #include "TestMain.h"
+#include "TodaysLog.h"
 
 #include "app/TControlUI.h"
 #include "app/TLogger.h"
@@ -44,12 +45,7 @@ class TestTControlUI : public QObject
         }
     }
     // What this test added to the shared log.
-    QString logText() const
-    {
-        TLogger::flush();
-        QFile f(appDir->filePath(u"Log/"_s + TLogger::todaysFileName()));
-        return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()).mid(logMark) : QString();
-    }
+    QString logText() const { return todaysLog(appDir->path()).mid(logMark); }
 
 private slots:
     void initTestCase()

@@ -1,4 +1,5 @@
 #include "TestMain.h"
+#include "TodaysLog.h"
 
 #include "app/TLogger.h"
 #include "scan/FileCategory.h"
@@ -52,8 +53,7 @@ QString readText(const QString &path)
 
 QString logText()
 {
-    TLogger::flush();
-    return readText(TLogger::logDir(TLogger::appDir()) + u'/' + TLogger::todaysFileName());
+    return todaysLog(TLogger::appDir());
 }
 
 // Everything one run reported. steps is the number of groups its progress named, or -1 when the

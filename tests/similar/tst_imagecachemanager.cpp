@@ -1,4 +1,5 @@
 #include "TestMain.h"
+#include "TodaysLog.h"
 
 #include "app/TLogger.h"
 #include "similar/ImageCacheManager.h"
@@ -81,12 +82,7 @@ class TestImageCacheManager : public QObject
     QTemporaryDir appDir;
     std::unique_ptr<QTemporaryDir> dir;
 
-    int logCount(const QString &text) const
-    {
-        TLogger::flush();
-        QFile f(appDir.filePath(u"Log/"_s + TLogger::todaysFileName()));
-        return f.open(QIODevice::ReadOnly) ? int(QString::fromUtf8(f.readAll()).count(text)) : -1;
-    }
+    int logCount(const QString &text) const { return int(todaysLog(appDir.path()).count(text)); }
 
 private slots:
     void initTestCase() { QVERIFY(appDir.isValid() && initLogger(appDir.path())); }

@@ -1,4 +1,5 @@
 #include "TestMain.h"
+#include "TodaysLog.h"
 
 #include "app/TLogger.h"
 #include "similar/ImageCodecs.h"
@@ -42,12 +43,7 @@ class TestImageCodecs : public QObject
     QTemporaryDir logDir;
     QTemporaryDir dir;
 
-    QString log() const
-    {
-        TLogger::flush();
-        QFile f(logDir.filePath(u"Log/"_s + TLogger::todaysFileName()));
-        return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
-    }
+    QString log() const { return todaysLog(logDir.path()); }
 
 private slots:
     void initTestCase()

@@ -3,6 +3,7 @@
 // TWINFOLD_TEST_BROKEN_CODECS set, where a file of the module's name holds no library.
 
 #include "TestMain.h"
+#include "TodaysLog.h"
 
 #include "app/TLogger.h"
 #include "similar/ImageCodecs.h"
@@ -27,12 +28,7 @@ class TestImageCodecsMissing : public QObject
     QString modulePath;
     bool broken = false;
 
-    QString log() const
-    {
-        TLogger::flush();
-        QFile f(logDir.filePath(u"Log/"_s + TLogger::todaysFileName()));
-        return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
-    }
+    QString log() const { return todaysLog(logDir.path()); }
 
 private slots:
     void initTestCase()

@@ -1,4 +1,5 @@
 #include "TestMain.h"
+#include "TodaysLog.h"
 
 #include "app/TLogger.h"
 #include "result/GroupItemAutoSelector.h"
@@ -59,12 +60,7 @@ class TestImageCompareThread : public QObject
     QTemporaryDir appDir, files;
     int serial = 0;
 
-    QString logText() const
-    {
-        TLogger::flush();
-        QFile f(appDir.filePath(u"Log/"_s + TLogger::todaysFileName()));
-        return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
-    }
+    QString logText() const { return todaysLog(appDir.path()); }
 
     // A loaded record whose feature sits in the image cache, under a fresh file name; shape is
     // "WxH.suffix", with "*" for a stand-in of a duplicate group.
@@ -221,9 +217,9 @@ private slots:
             t.aspectRatioLimit = input.section(u' ', 0, 0).toInt();
             t.similarAspect = input.section(u' ', 1, 1) == u"on:";
             QList<ImageData> records;
-            for (const QString &spec : input.section(u": "_s, 1).split(u' '))
-                records.append(record(t.useHash ? hashOf(spec.section(u'#', 1).toULongLong()) : histogram,
-                                      spec.section(u'#', 0, 0)));
+            for (const QString &item : input.section(u": "_s, 1).split(u' '))
+                records.append(record(t.useHash ? hashOf(item.section(u'#', 1).toULongLong()) : histogram,
+                                      item.section(u'#', 0, 0)));
             QCOMPARE(matchedPairs(t, records).remove(u":99"_s), expected);
         }
     }

@@ -1,4 +1,5 @@
 #include "TestMain.h"
+#include "TodaysLog.h"
 
 #include "app/TLogger.h"
 #include "scan/FileCategory.h"
@@ -26,12 +27,7 @@ class TestImageData : public QObject
     std::unique_ptr<QTemporaryDir> appDir;
     QTemporaryDir files;
 
-    QString logText() const
-    {
-        TLogger::flush();
-        QFile f(appDir->filePath(u"Log/"_s + TLogger::todaysFileName()));
-        return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
-    }
+    QString logText() const { return todaysLog(appDir->path()); }
 
     // PNG bytes under any name, so that the suffix alone decides whether it is read.
     QString writeImage(const QString &name, const cv::Mat &image)

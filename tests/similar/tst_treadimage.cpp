@@ -1,4 +1,5 @@
 #include "TestMain.h"
+#include "TodaysLog.h"
 
 #include "app/TLogger.h"
 #include "similar/ImageSamples.h"
@@ -53,11 +54,9 @@ class TestTReadImage : public QObject
     // What was logged since the last call.
     QString newLog()
     {
-        TLogger::flush();
-        QFile f(logDir.filePath(u"Log/"_s + TLogger::todaysFileName()));
-        const QByteArray fresh = f.open(QIODevice::ReadOnly) && f.seek(logMark) ? f.readAll() : QByteArray();
-        logMark += fresh.size();
-        return QString::fromUtf8(fresh);
+        const QString fresh = todaysLog(logDir.path(), logMark);
+        logMark += fresh.toUtf8().size();
+        return fresh;
     }
 
 private slots:
