@@ -124,12 +124,25 @@ private slots:
                             const char *table = "") {
             QTest::newRow(name) << list(layout) << rule << list(table) << list(selected);
         };
-        const char *ages = "a.txt|4|300;b.txt|4|100;c.txt|4|200", *sameAge = "a.txt|4|100;b.txt|4|100";
-        row("newest: oldest kept", ages, SelectNewest, "a.txt;c.txt");
-        row("newest: tie keeps last", sameAge, SelectNewest, "a.txt");
+        // Each pair of rules over three members whose keys rank b (smallest), c, a (largest),
+        // and over two members with equal keys: one rule keeps the smallest and, on a tie, the
+        // last; the other keeps the largest and, on a tie, the first.
+        for (const auto &[pair, three, tied, ext, keepsSmallest, keepsLargest] :
+             QList<std::tuple<const char *, const char *, const char *, const char *, int, int>>{
+                 {"newest/oldest", "a.txt|4|300;b.txt|4|100;c.txt|4|200", "a.txt|4|100;b.txt|4|100", "txt",
+                  SelectNewest, SelectOldest},
+                 {"high/low resolution", "a.png|||40x30;b.png|||20x10;c.png|||30x30",
+                  "a.png|||8x8;b.png|||16x4", "png", SelectHighResolution, SelectLowResolution},
+                 {"high/low quality", "a.bin|20;b.bin|5;c.bin|10", "a.bin|7;b.bin|7", "bin",
+                  SelectHighQuality, SelectLowQuality}}) {
+            const QString e = QString::fromLatin1(ext);
+            const auto named = [&](const char *what) { return QByteArray(QByteArray(pair) + ": " + what); };
+            row(named("smallest kept").constData(), three, keepsSmallest, qPrintable(u"a.%1;c.%1"_s.arg(e)));
+            row(named("tie keeps last").constData(), tied, keepsSmallest, qPrintable(u"a."_s + e));
+            row(named("largest kept").constData(), three, keepsLargest, qPrintable(u"b.%1;c.%1"_s.arg(e)));
+            row(named("tie keeps first").constData(), tied, keepsLargest, qPrintable(u"b."_s + e));
+        }
         row("newest: first oldest kept", "a.txt|4|300;b.txt|4|100;c.txt|4|100", SelectNewest, "a.txt;c.txt");
-        row("oldest: newest kept", ages, SelectOldest, "b.txt;c.txt");
-        row("oldest: tie keeps first", sameAge, SelectOldest, "b.txt");
         row("oldest: first newest kept", "a.txt|4|100;b.txt|4|300;c.txt|4|300", SelectOldest, "a.txt;c.txt");
         row("oldest: one second apart", "a.txt|4|100;b.txt|4|101", SelectOldest, "a.txt");
         // A vanished member is never the one that stays.
@@ -138,12 +151,6 @@ private slots:
         row("filename: tie keeps first", "b.jpg;a.jpg;c.jpg", SelectByFilename, "a.jpg;c.jpg");
         row("filename: none on disk", "gone.txt|-;lost.txt|-", SelectByFilename, "");
 
-        const char *dims = "a.png|||40x30;b.png|||20x10;c.png|||30x30",
-                   *sameDims = "a.png|||8x8;b.png|||16x4";
-        row("high resolution: smallest kept", dims, SelectHighResolution, "a.png;c.png");
-        row("high resolution: tie keeps last", sameDims, SelectHighResolution, "a.png");
-        row("low resolution: largest kept", dims, SelectLowResolution, "b.png;c.png");
-        row("low resolution: tie keeps first", sameDims, SelectLowResolution, "b.png");
         // An unreadable header counts -1 x -1, the same product as a 1x1 image.
         row("low res: unreadable ties 1x1", "bad.png|9||junk;one.png|||1x1", SelectLowResolution, "one.png");
         row("low res: unreadable below 2x1", "bad.png|9||junk;two.png|||2x1", SelectLowResolution, "bad.png");
@@ -152,11 +159,6 @@ private slots:
         row("high res: similar entries", "b.png|||20x10>_simlar_99;a.png|||40x30>_simlar_87",
             SelectHighResolution, "a.png_simlar_87");
 
-        const char *sizes = "a.bin|10;b.bin|5;c.bin|20", *sameSize = "a.bin|7;b.bin|7";
-        row("high quality: smallest file kept", sizes, SelectHighQuality, "a.bin;c.bin");
-        row("high quality: tie keeps last", sameSize, SelectHighQuality, "a.bin");
-        row("low quality: largest file kept", sizes, SelectLowQuality, "a.bin;b.bin");
-        row("low quality: tie keeps first", sameSize, SelectLowQuality, "b.bin");
         row("low quality: one byte apart", "a.bin|7;b.bin|8", SelectLowQuality, "a.bin");
         row("high quality: vanished never kept", "a.bin|2;gone.bin|-;c.bin|3", SelectHighQuality,
             "gone.bin;c.bin");
